@@ -1,0 +1,28 @@
+# Flags of everything in the tree (dnsproxyd_common) and of what is installed (dnsproxyd_shipped).
+add_library(dnsproxyd_common INTERFACE)
+target_compile_options(dnsproxyd_common INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+if(DNSPROXYD_SANITIZE)
+    # No vptr check: it needs run-time type information, which the daemon is built without.
+    target_compile_options(dnsproxyd_common INTERFACE
+        -fsanitize=${DNSPROXYD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(dnsproxyd_common INTERFACE -fsanitize=${DNSPROXYD_SANITIZE})
+    if(DNSPROXYD_SANITIZE MATCHES "undefined")
+        target_compile_options(dnsproxyd_common INTERFACE -fno-sanitize=vptr)
+    endif()
+endif()
+
+# No run-time part of the C++ library: the programs are linked by the C compiler (LINKER_LANGUAGE C), so
+# whatever would need one does not link.
+add_library(dnsproxyd_shipped INTERFACE)
+target_link_libraries(dnsproxyd_shipped INTERFACE dnsproxyd_common)
+target_compile_definitions(dnsproxyd_shipped INTERFACE _GNU_SOURCE)
+target_compile_options(dnsproxyd_shipped INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
+if(NOT DNSPROXYD_SANITIZE)
+    target_compile_options(dnsproxyd_shipped INTERFACE
+        -ffunction-sections -fdata-sections -fno-asynchronous-unwind-tables -fstack-protector-strong
+        $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+    target_link_options(dnsproxyd_shipped INTERFACE
+        -Wl,--gc-sections -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
+endif()

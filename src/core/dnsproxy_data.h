@@ -1,0 +1,70 @@
+// The process-wide state and its two fixed settings. Everything here belongs to the main thread unless its
+// note says otherwise, lives as long as the process, and is zero at start where no value is given.
+#ifndef CORE_DNSPROXY_DATA_H
+#define CORE_DNSPROXY_DATA_H
+
+#include <cstdint>
+#include <net/if.h>
+#include <pthread.h>
+
+#include "core/platform/ipcom_hash.h"
+#include "core/platform/ipcom_list.h"
+#include "core/platform/ipcom_tmo2.h"
+
+constexpr char DNSPROXY_REQUEST_PIPE[] = "dnsproxypublicrecvpipe";
+constexpr int DNSPROXY_REQUEST_CAPACITY = 200; // messages
+constexpr int DNSPROXY_REQUEST_SIZE = 240;     // bytes of a request message
+
+struct dnsproxy_data {
+    int32_t dnsproxyCacheTimeout = 10000; // milliseconds that a query in flight is remembered
+    int32_t dnsproxyQueryMax = 4096;      // a quarter of the buckets of each request cache table
+    int32_t logLevel;                     // threshold; nothing in the daemon changes it
+
+    ipcom_tmo2_head *tmo2Head; // every timer of the process
+
+    ipcom_list listenIfList; // dnsproxy_listen_if, in the order of the rules
+    ipcom_hash *listenIfHash;
+    ipcom_list serverIfList; // dnsproxy_server_if, in the order in which they are tried
+    ipcom_hash *serverIfHash;
+    int32_t allServerIfDown; // 1: at the last change of a link state no line was up
+
+    ipcom_list cacheList; // dnsproxy_cache_entry, oldest first
+    ipcom_hash *cacheHash;
+    ipcom_hash *cacheIdHash;
+    ipcom_list cacheList6; // dnsproxy_cache_entry_v6, oldest first
+    ipcom_hash *cacheHash6;
+    ipcom_hash *cacheIdHash6;
+
+    int32_t noReplyCount; // both under noReplyLock
+    int32_t noReplyArmed = 1;
+    pthread_mutex_t noReplyLock = PTHREAD_MUTEX_INITIALIZER;
+
+    uint32_t cacheServerSet; // 1: cacheServerIfname is chosen
+    char cacheServerIfname[IF_NAMESIZE];
+
+    uint16_t nextNewId = 1; // host order; the next identifier of a forwarded query, of either family
+    int listenFd;
+    int listenFd6;
+    int32_t specIface;         // 1: the latest query came in on a forced listen interface
+    uint8_t pendingIdMap[128]; // 1024 bits
+
+    int intfFd;
+    struct if_nameindex *ifNameIndex; // nullptr: empty
+    char pppoesIfname[IF_NAMESIZE];
+};
+
+extern struct dnsproxy_data dnsproxy_data;
+
+// Makes the timer service and clears the cache-server state; 0 or DNSPROXY_ERESOURCE.
+[[nodiscard]] int dnsproxy_data_init();
+
+// Deletes the timer service, if there is one.
+void dnsproxy_data_deinit();
+
+// Makes the request pipe. The non-negative result of its creation, or DNSPROXY_ERESOURCE.
+[[nodiscard]] int dnsproxy_pipe_init();
+
+// Deletes the request pipe, if there is one.
+void dnsproxy_pipe_deinit();
+
+#endif

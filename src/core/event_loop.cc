@@ -1,0 +1,143 @@
+#include "core/event_loop.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <unistd.h>
+
+#include "core/dnsproxy_data.h"
+#include "core/log.h"
+#include "core/platform/qxcom_nmpipe.h"
+#include "core/status.h"
+#include "iface/server_if.h"
+#include "net/intf_monitor.h"
+#include "net/proxy_socket.h"
+#include "net/reply.h"
+#include "net/request.h"
+
+namespace
+{
+
+constexpr char op[] = "dnsproxyd";
+
+// What the loop alone uses.
+struct loop {
+    void *publicMsgBuf; // one request message, reused for every one
+    int publicFd;
+};
+
+int set_up(loop *l)
+{
+    l->publicMsgBuf = calloc(1, DNSPROXY_REQUEST_SIZE);
+    if (l->publicMsgBuf == nullptr) {
+        DNSPROXY_LOG(ERROR, op, 0, "%s", "");
+        return DNSPROXY_ENOMEMORY;
+    }
+    l->publicFd = qxcom_nmpipe_open(DNSPROXY_REQUEST_PIPE, NMPIPE_READWRITE, 0);
+    if (l->publicFd < 0) {
+        DNSPROXY_LOG(ERROR, op, DNSPROXY_ERESOURCE, "Fail to open dns server fd.");
+        return DNSPROXY_ERESOURCE;
+    }
+    int status = dnsproxy_listen_socket_open();
+    if (status < 0) {
+        DNSPROXY_LOG(ERROR, op, status, "Fail to build listen socket.");
+        return status;
+    }
+    status = dnsproxy_intf_socket_open();
+    if (status < 0)
+        DNSPROXY_LOG(ERROR, op, status, "Fail to build intf socket.");
+    return status;
+}
+
+void add_fd(int fd, fd_set *reads, int *highest)
+{
+    FD_SET(fd, reads);
+    *highest = std::max(*highest, fd);
+}
+
+// Whether `fd` is among the `*count` ready descriptors that are left; then it is no longer.
+bool take_ready(int fd, const fd_set *ready, int *count)
+{
+    if (*count <= 0 || !FD_ISSET(fd, ready))
+        return false;
+    --*count;
+    return true;
+}
+
+void serve_request_pipe(loop *l)
+{
+    DNSPROXY_LOG(DEBUG, op, 0, "Recv a public api msg.");
+    const ptrdiff_t length = qxcom_nmpipe_read(l->publicFd, l->publicMsgBuf, DNSPROXY_REQUEST_SIZE);
+    if (length != DNSPROXY_REQUEST_SIZE)
+        DNSPROXY_LOG(ERROR, op, static_cast<int>(length), "The len read public api fd is wrong.");
+}
+
+// One wait and what it brought: each ready descriptor is served once. What a pass leaves is found again by
+// the next wait.
+void pass(loop *l)
+{
+    fd_set ready;
+    FD_ZERO(&ready);
+    int highest = -1;
+    add_fd(l->publicFd, &ready, &highest);
+    dnsproxy_fdset_build(&ready, &highest);
+    int count = ipcom_tmo2_select(dnsproxy_data.tmo2Head, highest + 1, &ready, nullptr, nullptr, nullptr);
+    if (count < 1) {
+        DNSPROXY_LOG(NOTICE, op, 0, "Interrupt,Msg num < 0.");
+        return;
+    }
+    if (take_ready(dnsproxy_data.intfFd, &ready, &count)) {
+        DNSPROXY_LOG(TRACE, op, 0, "Recv a intf route change packet.");
+        dnsproxy_intf_socket_recv();
+    }
+    if (take_ready(dnsproxy_data.listenFd, &ready, &count)) {
+        DNSPROXY_LOG(TRACE, op, 0, "Recv a dns request packet.");
+        const int status = dnsproxy_listen_socket_recv();
+        if (status < 0) {
+            DNSPROXY_LOG(TRACE, op, status, "Fail to recv a dns request.");
+            return;
+        }
+    }
+    if (take_ready(dnsproxy_data.listenFd6, &ready, &count)) {
+        DNSPROXY_LOG(TRACE, op, 0, "Recv a IPv6 dns request packet.");
+        const int status = dnsproxy_listen_socket_recv_v6();
+        if (status < 0) {
+            DNSPROXY_LOG(TRACE, op, status, "Fail to recv a IPv6 dns request.");
+            return;
+        }
+    }
+    if (take_ready(l->publicFd, &ready, &count)) {
+        serve_request_pipe(l);
+        return;
+    }
+    dnsproxy_server_socket_read(&ready, &count);
+}
+
+} // namespace
+
+void dnsproxy_fdset_build(fd_set *reads, int *highest)
+{
+    add_fd(dnsproxy_data.listenFd, reads, highest);
+    add_fd(dnsproxy_data.listenFd6, reads, highest);
+    add_fd(dnsproxy_data.intfFd, reads, highest);
+    for (const auto *sif = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList); sif != nullptr;
+         sif = ipcom_next(sif)) {
+        if (sif->serverFd > 0)
+            add_fd(sif->serverFd, reads, highest);
+        if (sif->serverFd6 > 0)
+            add_fd(sif->serverFd6, reads, highest);
+    }
+}
+
+int dnsproxyd()
+{
+    loop l = {.publicMsgBuf = nullptr, .publicFd = -1};
+    const int status = set_up(&l);
+    if (status < 0) {
+        DNSPROXY_LOG(ERROR, op, status, "dnsproxyd error.");
+        if (dnsproxy_data.listenFd > 0)
+            (void)close(dnsproxy_data.listenFd);
+        return status;
+    }
+    for (;;)
+        pass(&l);
+}

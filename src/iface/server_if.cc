@@ -1,0 +1,215 @@
+#include "iface/server_if.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "core/dnsproxy_data.h"
+#include "core/log.h"
+#include "core/status.h"
+#include "iface/if_show.h"
+#include "iface/ifname.h"
+
+namespace
+{
+
+constexpr uint32_t socket_idle_ms = 60000;
+
+uint32_t hash_of_record(const void *record)
+{
+    return ifname_hash(static_cast<const dnsproxy_server_if *>(record)->ifname);
+}
+
+int has_name(const void *record, const void *key)
+{
+    return strcmp(static_cast<const dnsproxy_server_if *>(record)->ifname, static_cast<const char *>(key)) ==
+           0;
+}
+
+bool is_vpn_device(const char *ifname)
+{
+    return strncmp(ifname, "lt-", 3) == 0 || strncmp(ifname, "pt-", 3) == 0;
+}
+
+void remove_record(dnsproxy_server_if *sif)
+{
+    dnsproxy_server_if_close(&sif->serverFd, &sif->serverTmo);
+    dnsproxy_server_if_close(&sif->serverFd6, &sif->serverTmo6);
+    (void)ipcom_hash_remove(dnsproxy_data.serverIfHash, sif);
+    ipcom_list_remove(&sif->link);
+    free(sif);
+}
+
+int remove_normal(void *record, void *)
+{
+    return dnsproxy_server_if_del_normal(static_cast<dnsproxy_server_if *>(record));
+}
+
+void set_slot(uint64_t *slot, const uint64_t *address)
+{
+    if (address != nullptr && *address != 0)
+        *slot = *address;
+}
+
+} // namespace
+
+int server_if_table_init()
+{
+    dnsproxy_data.serverIfHash = ipcom_hash_new(hash_of_record, ifname_hash, has_name);
+    return dnsproxy_data.serverIfHash == nullptr ? DNSPROXY_ERESOURCE : 0;
+}
+
+void server_if_table_deinit()
+{
+    if (dnsproxy_data.serverIfHash != nullptr) {
+        ipcom_hash_delete(dnsproxy_data.serverIfHash);
+        dnsproxy_data.serverIfHash = nullptr;
+    }
+}
+
+int dnsproxy_server_if_new(const char *ifname, uint64_t dns, uint64_t dns2, const sockaddr_in6 *dns6,
+                           const sockaddr_in6 *dns6_2, int noV4, int noV6)
+{
+    if (strcmp(ifname, "lo") == 0) {
+        DNSPROXY_LOG(TRACE, __func__, 0, "Skip loopback interface for dns server!");
+        DNSPROXY_RETURN(__func__, 0);
+    }
+    if (!ifname_fits(ifname)) {
+        DNSPROXY_LOG(ERROR, __func__, DNSPROXY_EINVALID, "The interface name is too long(ifname:%s).",
+                     ifname);
+        DNSPROXY_RETURN(__func__, DNSPROXY_EINVALID);
+    }
+    dnsproxy_server_if *sif = dnsproxy_server_if_get(ifname);
+    if (sif != nullptr) {
+        if (noV6 != 1 && dns6 != nullptr && dns6_2 != nullptr) {
+            sif->dnsServer6[0] = *dns6;
+            sif->dnsServer6[1] = *dns6_2;
+            dnsproxy_server_if_close(&sif->serverFd6, &sif->serverTmo6);
+        }
+        DNSPROXY_LOG(ERROR, __func__, DNSPROXY_EEXISTS, "The server if has already exist(ifname:%s).",
+                     ifname);
+        DNSPROXY_RETURN(__func__, DNSPROXY_EEXISTS);
+    }
+    sif = static_cast<dnsproxy_server_if *>(calloc(1, sizeof(dnsproxy_server_if)));
+    if (sif == nullptr) {
+        DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ENOMEMORY, "No memory to create server if(ifname:%s).",
+                     ifname);
+        DNSPROXY_RETURN(__func__, DNSPROXY_ENOMEMORY);
+    }
+    memcpy(sif->ifname, ifname, strlen(ifname) + 1);
+    if (noV4 != 1) {
+        sif->dnsServer[0] = dns;
+        sif->dnsServer[1] = dns2;
+    }
+    if (noV6 != 1) {
+        sif->dnsServer6[0] = *dns6;
+        sif->dnsServer6[1] = *dns6_2;
+    }
+    sif->serverFd = -1;
+    sif->serverFd6 = -1;
+    sif->sockTimeout = socket_idle_ms;
+    if (ipcom_hash_add(dnsproxy_data.serverIfHash, sif) != 0) {
+        DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ENOMEMORY, "No memory to create server if(ifname:%s).",
+                     ifname);
+        free(sif);
+        DNSPROXY_RETURN(__func__, DNSPROXY_ENOMEMORY);
+    }
+    ipcom_list_insert_last(&dnsproxy_data.serverIfList, &sif->link);
+    DNSPROXY_RETURN(__func__, 0);
+}
+
+int dnsproxy_server_if_set(const char *ifname, const uint64_t *dns, const uint64_t *dns2,
+                           const sockaddr_in6 *dns6, const sockaddr_in6 *dns6_2, int noV4, int noV6)
+{
+    dnsproxy_server_if *sif = dnsproxy_server_if_get(ifname);
+    if (sif == nullptr) {
+        DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ENOTFOUND, "Can not find the server if(ifname:%s).", ifname);
+        DNSPROXY_RETURN(__func__, DNSPROXY_ENOTFOUND);
+    }
+    if (noV4 != 1) {
+        set_slot(&sif->dnsServer[0], dns);
+        set_slot(&sif->dnsServer[1], dns2);
+    }
+    if (noV6 != 1) {
+        if (dns6 != nullptr)
+            sif->dnsServer6[0] = *dns6;
+        if (dns6_2 != nullptr)
+            sif->dnsServer6[1] = *dns6_2;
+    }
+    DNSPROXY_RETURN(__func__, 0);
+}
+
+int dnsproxy_server_if_destroy(const char *ifname)
+{
+    dnsproxy_server_if *sif = dnsproxy_server_if_get(ifname);
+    if (sif == nullptr) {
+        DNSPROXY_LOG(NOTICE, __func__, DNSPROXY_ENOTFOUND, "Fail to find the server if(ifname:%s).", ifname);
+        DNSPROXY_RETURN(__func__, DNSPROXY_ENOTFOUND);
+    }
+    remove_record(sif);
+    DNSPROXY_RETURN(__func__, 0);
+}
+
+int dnsproxy_server_if_del_normal(dnsproxy_server_if *sif)
+{
+    if (sif == nullptr) {
+        DNSPROXY_LOG(NOTICE, __func__, DNSPROXY_EINVALID, "Invalid parms");
+        DNSPROXY_RETURN(__func__, DNSPROXY_EINVALID);
+    }
+    if (is_vpn_device(sif->ifname))
+        DNSPROXY_LOG(NOTICE, __func__, 0, "VPN device,do not delete it!");
+    else
+        remove_record(sif);
+    DNSPROXY_RETURN(__func__, 0);
+}
+
+int dnsproxy_server_if_delAll()
+{
+    DNSPROXY_LOG(NOTICE, __func__, 0, "dnsproxy_server_if_delAll");
+    dnsproxy_if_show();
+    ipcom_hash_for_each(dnsproxy_data.serverIfHash, remove_normal, nullptr);
+    DNSPROXY_RETURN(__func__, 0);
+}
+
+int dnsproxy_server_if_state_up(const char *ifname, const uint64_t *is_down)
+{
+    dnsproxy_server_if *sif = dnsproxy_server_if_get(ifname);
+    if (sif == nullptr) {
+        DNSPROXY_LOG(DEBUG, __func__, DNSPROXY_ENOTFOUND, "Can not find the server if(ifname:%s).", ifname);
+        DNSPROXY_RETURN(__func__, DNSPROXY_ENOTFOUND);
+    }
+    if (is_down != nullptr)
+        sif->is_down = *is_down;
+    const auto *up = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList);
+    while (up != nullptr && up->is_down != 0)
+        up = ipcom_next(up);
+    dnsproxy_data.allServerIfDown = up == nullptr ? 1 : 0;
+    DNSPROXY_RETURN(__func__, 0);
+}
+
+dnsproxy_server_if *dnsproxy_server_if_get(const char *ifname)
+{
+    return static_cast<dnsproxy_server_if *>(ipcom_hash_get(dnsproxy_data.serverIfHash, ifname));
+}
+
+void dnsproxy_server_if_close(int32_t *fd, ipcom_tmo2 *idle_timer)
+{
+    if (*fd > 0) {
+        ipcom_tmo2_cancel(idle_timer);
+        (void)close(*fd);
+    }
+    *fd = -1;
+}
+
+int dnsproxy_server_addr_check(uint64_t slot)
+{
+    return slot != 0 ? 1 : 0;
+}
+
+int dnsproxy_check_dnsserver_v6(const char *text)
+{
+    if (text != nullptr && strcmp(text, "::") != 0)
+        return 1;
+    DNSPROXY_LOG(ERROR, __func__, 0, "IPv6 DNS server is empty!\n");
+    return 0;
+}

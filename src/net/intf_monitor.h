@@ -1,0 +1,17 @@
+// The cached list of the system's interfaces, which turns the index that comes with every IPv4 query into a
+// device name, and the netlink socket that keeps it current. Main thread only.
+#ifndef NET_INTF_MONITOR_H
+#define NET_INTF_MONITOR_H
+
+// Opens the netlink socket and fills the list; 0 or DNSPROXY_ERESOURCE.
+[[nodiscard]] int dnsproxy_intf_socket_open();
+
+// Reads one batch of messages and rebuilds the list when one of them is about a link. Without memory for a
+// new list it is empty until the next rebuild. Always 0.
+int dnsproxy_intf_socket_recv();
+
+// Name of the device with that index into `name`, with its NUL. 0, or -1 for an index that is not in the list
+// and for a buffer whose `size` in bytes is below 16.
+int dns_if_indextoname(int index, char *name, int size);
+
+#endif
