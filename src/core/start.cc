@@ -1,6 +1,7 @@
 #include "core/start.h"
 
 #include "cache/request_cache.h"
+#include "config/online_state.h"
 #include "config/resolver_file.h"
 #include "config/rules.h"
 #include "core/dnsproxy_data.h"
@@ -38,6 +39,7 @@ int dnsproxy_start()
     // From here on nothing stops the start: a router without servers or rules still answers its controls.
     (void)dnsproxy_load_servers();
     dnsproxy_if_show();
+    (void)dnsproxy_load_server_dev_state();
     (void)dnsproxyd();
     DNSPROXY_RETURN(__func__, 0);
 }
