@@ -29,7 +29,7 @@ void dnsproxy_data_deinit()
 int dnsproxy_pipe_init()
 {
     const int created =
-        qxcom_nmpipe_create(DNSPROXY_REQUEST_PIPE, DNSPROXY_REQUEST_CAPACITY, DNSPROXY_REQUEST_SIZE);
+        qxcom_nmpipe_create(DNSPROXY_REQUEST_PIPE, DNSPROXY_REQUEST_CAPACITY, sizeof(dnsproxy_public_msg));
     if (created < 0) {
         DNSPROXY_LOG(ERROR, __func__, created, "Fail to create public dnsproxy recv pipe.");
         DNSPROXY_RETURN(__func__, DNSPROXY_ERESOURCE);

@@ -13,7 +13,6 @@
 
 constexpr char DNSPROXY_REQUEST_PIPE[] = "dnsproxypublicrecvpipe";
 constexpr int DNSPROXY_REQUEST_CAPACITY = 200; // messages
-constexpr int DNSPROXY_REQUEST_SIZE = 240;     // bytes of a request message
 
 struct dnsproxy_data {
     int32_t dnsproxyCacheTimeout = 10000; // milliseconds that a query in flight is remembered

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <unistd.h>
 
+#include "control/public_api.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
 #include "core/platform/qxcom_nmpipe.h"
@@ -21,19 +22,19 @@ constexpr char op[] = "dnsproxyd";
 
 // What the loop alone uses.
 struct loop {
-    void *publicMsgBuf; // one request message, reused for every one
+    dnsproxy_public_msg *publicMsgBuf; // one request, reused for every one
     int publicFd;
 };
 
 int set_up(loop *l)
 {
-    l->publicMsgBuf = calloc(1, DNSPROXY_REQUEST_SIZE);
+    l->publicMsgBuf = static_cast<dnsproxy_public_msg *>(calloc(1, sizeof(dnsproxy_public_msg)));
     if (l->publicMsgBuf == nullptr) {
         DNSPROXY_LOG(ERROR, op, 0, "%s", "");
         return DNSPROXY_ENOMEMORY;
     }
     l->publicFd = qxcom_nmpipe_open(DNSPROXY_REQUEST_PIPE, NMPIPE_READWRITE, 0);
-    if (l->publicFd < 0) {
+    if (l->publicFd < 0 || l->publicFd >= FD_SETSIZE) {
         DNSPROXY_LOG(ERROR, op, DNSPROXY_ERESOURCE, "Fail to open dns server fd.");
         return DNSPROXY_ERESOURCE;
     }
@@ -66,9 +67,14 @@ bool take_ready(int fd, const fd_set *ready, int *count)
 void serve_request_pipe(loop *l)
 {
     DNSPROXY_LOG(DEBUG, op, 0, "Recv a public api msg.");
-    const ptrdiff_t length = qxcom_nmpipe_read(l->publicFd, l->publicMsgBuf, DNSPROXY_REQUEST_SIZE);
-    if (length != DNSPROXY_REQUEST_SIZE)
+    const ptrdiff_t length = qxcom_nmpipe_read(l->publicFd, l->publicMsgBuf, sizeof *l->publicMsgBuf);
+    if (length != static_cast<ptrdiff_t>(sizeof *l->publicMsgBuf)) {
         DNSPROXY_LOG(ERROR, op, static_cast<int>(length), "The len read public api fd is wrong.");
+        return;
+    }
+    const int status = dnsproxy_public_read(l->publicMsgBuf);
+    if (status < 0)
+        DNSPROXY_LOG(NOTICE, op, status, "Fail to read public api msg.");
 }
 
 // One wait and what it brought: each ready descriptor is served once. What a pass leaves is found again by

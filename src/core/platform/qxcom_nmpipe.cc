@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -139,9 +138,9 @@ ptrdiff_t read_message(int fd, char *buffer, size_t length)
     return got;
 }
 
-} // namespace
+enum class existing { taken_over, refused };
 
-int qxcom_nmpipe_create(const char *name, int capacity, int largest)
+int create(const char *name, int capacity, int largest, existing fifo)
 {
     if (!is_name(name) || capacity < 1 || largest < 1) {
         errno = EINVAL;
@@ -150,7 +149,7 @@ int qxcom_nmpipe_create(const char *name, int capacity, int largest)
     const descriptor folder_fd(make_folder());
     if (folder_fd.get() < 0)
         return -1;
-    if (mkfifoat(folder_fd.get(), name, 0600) != 0 && errno != EEXIST)
+    if (mkfifoat(folder_fd.get(), name, 0600) != 0 && (errno != EEXIST || fifo == existing::refused))
         return -1;
     descriptor fd(open_fifo(folder_fd.get(), name, O_RDWR));
     if (fd.get() < 0)
@@ -163,6 +162,18 @@ int qxcom_nmpipe_create(const char *name, int capacity, int largest)
         return -1;
     hold(entry, name, fd.release());
     return 0;
+}
+
+} // namespace
+
+int qxcom_nmpipe_create(const char *name, int capacity, int largest)
+{
+    return create(name, capacity, largest, existing::taken_over);
+}
+
+int qxcom_nmpipe_create_new(const char *name, int capacity, int largest)
+{
+    return create(name, capacity, largest, existing::refused);
 }
 
 int qxcom_nmpipe_open(const char *name, int mode, int flags)
@@ -179,10 +190,6 @@ int qxcom_nmpipe_open(const char *name, int mode, int flags)
     descriptor fd(open_fifo(folder_fd.get(), name, access[mode]));
     if (fd.get() < 0)
         return -1;
-    if (fd.get() >= FD_SETSIZE) {
-        errno = EMFILE;
-        return -1;
-    }
     if (mode == NMPIPE_READ && fcntl(fd.get(), F_SETFL, 0) != 0)
         return -1;
     return fd.release();

@@ -23,7 +23,10 @@ constexpr size_t NMPIPE_MESSAGE_MAX = 4096; // bytes that stay one message
 // bytes that the caller will use; messages are not held to it. 0 or positive, or -1.
 [[nodiscard]] int qxcom_nmpipe_create(const char *name, int capacity, int largest);
 
-// A descriptor below FD_SETSIZE, or -1. `flags` is not used and should be 0.
+// The same for a name that must not exist yet: -1 with EEXIST when it does.
+[[nodiscard]] int qxcom_nmpipe_create_new(const char *name, int capacity, int largest);
+
+// A descriptor, or -1. `flags` is not used and should be 0.
 [[nodiscard]] int qxcom_nmpipe_open(const char *name, int mode, int flags);
 
 // Reads one message into `buffer`; blocks longer than NMPIPE_MESSAGE_MAX are collected from their messages.
