@@ -1,0 +1,107 @@
+// Calls of the objects' methods, and what goes back to the caller.
+#include "blob_buf.h"
+#include "ubus_connection.h"
+
+#include <cstdlib>
+#include <cstring>
+
+static constexpr size_t most_queued = sizeof(ubus_message) + ubus_longest_blob; // one call of any size
+
+static size_t queued_size(const ubus_message *message)
+{
+    return sizeof(ubus_message) + blob_raw_len(&message->blob);
+}
+
+static const ubus_method *find_method(const ubus_object *obj, const char *name)
+{
+    for (int i = 0; i < obj->n_methods; ++i) {
+        if (strcmp(obj->methods[i].name, name) == 0)
+            return &obj->methods[i];
+    }
+    return nullptr;
+}
+
+static void send_status(ubus_context *ctx, const ubus_request_data *req, int status)
+{
+    if (blob_buf_init(&ctx->out, 0) != 0 ||
+        blob_put_u32(&ctx->out, UBUS_ATTR_STATUS, static_cast<uint32_t>(status)) != 0 ||
+        blob_put_u32(&ctx->out, UBUS_ATTR_OBJID, req->object) != 0)
+        return;
+    (void)ubus_send(ctx, ubus_type::status, req->seq, req->peer); // the next read tells of a lost connection
+}
+
+// A call of what is not there is answered under no caller's number.
+static void invoke(ubus_context *ctx, const ubus_message *message)
+{
+    ubus_attributes attributes;
+    ubus_attributes_find(message, &attributes);
+    const blob_attr *const id = attributes.at[UBUS_ATTR_OBJID];
+    if (id == nullptr)
+        return;
+    ubus_request_data req = {};
+    ubus_object *const obj = ubus_object_find(ctx, ubus_u32(id));
+    if (obj == nullptr)
+        return send_status(ctx, &req, UBUS_STATUS_NOT_FOUND);
+    if (attributes.at[UBUS_ATTR_METHOD] == nullptr)
+        return send_status(ctx, &req, UBUS_STATUS_INVALID_ARGUMENT);
+
+    req = {.object = obj->id, .peer = message->peer, .seq = message->seq};
+    const auto *const name = static_cast<const char *>(blob_data(attributes.at[UBUS_ATTR_METHOD]));
+    const ubus_method *const method = find_method(obj, name);
+    if (method == nullptr)
+        return send_status(ctx, &req, UBUS_STATUS_METHOD_NOT_FOUND);
+    blob_attr *const arguments = attributes.at[UBUS_ATTR_DATA];
+    if (arguments == nullptr)
+        return send_status(ctx, &req, UBUS_STATUS_INVALID_ARGUMENT);
+
+    const int status = method->handler(ctx, obj, &req, name, arguments);
+    const blob_attr *const noReply = attributes.at[UBUS_ATTR_NO_REPLY];
+    if (noReply == nullptr || *static_cast<const uint8_t *>(blob_data(noReply)) == 0)
+        send_status(ctx, &req, status);
+}
+
+// The queue is a ring, entered at its last message.
+static ubus_message *take_first(ubus_context *ctx)
+{
+    ubus_message *const first = ctx->queue->next;
+    if (first == ctx->queue)
+        ctx->queue = nullptr;
+    else
+        ctx->queue->next = first->next;
+    ctx->queued -= queued_size(first);
+    return first;
+}
+
+void ubus_queue_add(ubus_context *ctx, ubus_message *message)
+{
+    // While nothing can be called, about as much is kept as the broker keeps for a client that does not read.
+    const size_t size = queued_size(message);
+    if (ctx->queued + size > most_queued) {
+        free(message);
+        return;
+    }
+    ctx->queued += size;
+    if (ctx->queue == nullptr)
+        ctx->queue = message;
+    message->next = ctx->queue->next;
+    ctx->queue->next = message;
+    ctx->queue = message;
+    ubus_queue_run(ctx);
+}
+
+void ubus_queue_run(ubus_context *ctx)
+{
+    while (ctx->busy == 0 && ctx->queue != nullptr) {
+        ubus_message *const message = take_first(ctx);
+        ++ctx->busy;
+        invoke(ctx, message);
+        --ctx->busy;
+        free(message);
+    }
+}
+
+void ubus_queue_clear(ubus_context *ctx)
+{
+    while (ctx->queue != nullptr)
+        free(take_first(ctx));
+}

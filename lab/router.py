@@ -1,0 +1,152 @@
+"""The router's devices and what is behind them.
+
+    h1 192.168.1.11 --+                                          +-- wan1 -- up1  10.0.1.53 .54
+    h2 192.168.1.12 --+-- br-lan    192.168.1.1                  |
+                                                 the router      +-- wan2 -- up2  10.0.2.53 .54
+    g1 192.168.2.11 ----- br-guest  192.168.2.1  (the sandbox's  |
+                                                  own network    +-- wan3 -- up3  10.0.3.53 .54
+    p1 192.168.3.11 ----- ppp0      192.168.3.1   namespace)     |
+                          br-pppoe  192.168.4.1                  +-- pt-vpn0 -- up9  10.0.9.53 .54
+
+Every device, host and server has an IPv6 address too; `plan` lists them. IPv6 addresses are usable
+at once: nothing looks for duplicates. A device that is set down keeps its addresses.
+
+Lab is a context manager. A sandbox holds one at a time; leaving it removes every device and host.
+"""
+
+import socket
+
+from lab import netns, plan
+from lab.plan import HOSTS, LINES, NETWORKS
+
+_SYSCTLS = {
+    f"ipv6/conf/{scope}/{key}": value
+    for scope in ("all", "default")
+    for key, value in (("disable_ipv6", 0), ("accept_dad", 0), ("accept_ra", 0))
+}
+
+_ROUTER_SYSCTLS = _SYSCTLS | {
+    "ipv6/conf/all/keep_addr_on_down": 1,
+    "ipv6/conf/default/keep_addr_on_down": 1,
+    "ipv6/conf/all/forwarding": 1,
+    "ipv4/ip_forward": 1,
+    "ipv4/conf/all/rp_filter": 0,
+    "ipv4/conf/default/rp_filter": 0,
+}
+
+
+def _router_addresses(device: str, address4: str, address6: str) -> list[str]:
+    return [
+        f"address add {address4}/24 dev {device}",
+        f"address add {address6}/64 dev {device} nodad",
+    ]
+
+
+def _require_sandbox() -> None:
+    with open("/proc/self/mounts", encoding="utf-8") as mounts:
+        if not any(line.startswith("lab / overlay ") for line in mounts):
+            raise RuntimeError("the lab needs its sandbox: run this by lab/enter")
+
+
+class Lab:
+    """Makes all devices and hosts on entry and removes them on exit."""
+
+    def __enter__(self) -> "Lab":
+        _require_sandbox()
+        if len(socket.if_nameindex()) != 1:
+            raise RuntimeError("the sandbox already holds a lab")
+        netns.set_sysctls(_ROUTER_SYSCTLS)
+        netns.ip_batch(f"netns add {name}" for name in self._namespaces())
+        for name in self._namespaces():
+            netns.set_sysctls(_SYSCTLS, name)
+
+        netns.ip_batch(self._local_devices())
+        for host in HOSTS.values():
+            netns.ip_batch(self._host_setup(host), host.name)
+        for number in LINES:
+            self.line_create(number)
+        return self
+
+    def __exit__(self, *_exception) -> None:
+        # As a group they go together, which is ten times as fast as one after the other.
+        devices = [name for _, name in socket.if_nameindex() if name != "lo"]
+        netns.ip_batch(
+            [
+                *(f"link set {device} group 1" for device in devices),
+                "link delete group 1",
+                *(f"netns delete {name}" for name in self._namespaces()),
+            ]
+        )
+
+    @staticmethod
+    def _namespaces() -> list[str]:
+        return [*HOSTS, *(line.netns for line in LINES.values())]
+
+    @staticmethod
+    def _local_devices() -> list[str]:
+        lines = []
+        for device in (plan.LAN, plan.GUEST, plan.PPPOE):
+            lines.append(f"link add {device} type bridge mcast_snooping 0")
+            lines.append(f"link set {device} up")
+        for host in HOSTS.values():
+            device = host.network.device
+            if device == plan.PPP:
+                lines.append(f"link add {device} type veth peer name eth0 netns {host.name}")
+            else:
+                port = f"port-{host.name}"
+                lines.append(f"link add {port} type veth peer name eth0 netns {host.name}")
+                lines.append(f"link set {port} master {device} up")
+        lines.append(f"link set {plan.PPP} up")
+        for network in NETWORKS.values():
+            lines += _router_addresses(network.device, network.router4, network.router6)
+        return lines
+
+    @staticmethod
+    def _host_setup(host: plan.Host) -> list[str]:
+        return [
+            "link set lo up",
+            "link set eth0 up",
+            f"address add {host.address4}/24 dev eth0",
+            f"address add {host.address6}/64 dev eth0 nodad",
+            f"route add default via {host.network.router4}",
+            f"route add ::/0 via {host.network.router6}",
+        ]
+
+    def line_create(self, number: int) -> None:
+        """Makes a line's device with the network behind it; sockets of its servers work again."""
+        line = LINES[number]
+        netns.ip_batch(
+            [
+                f"link add {line.device} type veth peer name eth0 netns {line.netns}",
+                f"link set {line.device} up",
+                *_router_addresses(line.device, line.router4, line.router6),
+            ]
+        )
+        netns.ip_batch(
+            [
+                "link set lo up",
+                "link set eth0 up",
+                *(f"address add {server.address}/24 dev eth0" for server in line.servers4),
+                *(f"address add {server.address}/64 dev eth0 nodad" for server in line.servers6),
+                f"route add default via {line.router4}",
+                f"route add ::/0 via {line.router6}",
+            ],
+            line.netns,
+        )
+
+    def line_delete(self, number: int) -> None:
+        """Removes a line's device, as pulling out a USB modem does."""
+        netns.ip_batch([f"link delete {LINES[number].device}"])
+
+    def line_set(self, number: int, up: bool) -> None:
+        """Sets a line's device up or down; it keeps its index and its addresses."""
+        netns.ip_batch([f"link set {LINES[number].device} {'up' if up else 'down'}"])
+
+    def line_rename(self, number: int, name: str) -> None:
+        """Gives a line's device another name; `link_rename`, the other way round, undoes it."""
+        self.link_rename(LINES[number].device, name)
+
+    @staticmethod
+    def link_rename(old: str, new: str) -> None:
+        """Renames any device of the router; it is down for a moment, as the kernel demands."""
+        netns.ip_batch([f"link set {old} down", f"link set {old} name {new}", f"link set {new} up"])
