@@ -72,8 +72,8 @@ struct uci_option {
 
 // for (...) over the elements behind a list head, in the order of the file.
 #define uci_foreach_element(_list, _e)                                                                       \
-    for (_e = (struct uci_element *)(_list)->next; &(_e)->list != (_list);                                   \
-         _e = (struct uci_element *)(_e)->list.next)
+    for ((_e) = (struct uci_element *)(_list)->next; &(_e)->list != (_list);                                 \
+         (_e) = (struct uci_element *)(_e)->list.next)
 
 #define uci_to_section(_e) ((struct uci_section *)(_e))
 #define uci_to_option(_e) ((struct uci_option *)(_e))

@@ -83,6 +83,7 @@ int dnsproxy_get_effect_devices(const char *logical, char *device)
     if (length >= IF_NAMESIZE)
         return DNSPROXY_EFAIL;
     memcpy(device, line, length);
+    device[length] = '\0';
     DNSPROXY_LOG(TRACE, __func__, 0, "infaces:%s,devs:%s,buf:%s", logical, device, line);
     DNSPROXY_LOG(TRACE, __func__, 0, "strlen(devs):%d", static_cast<int>(strlen(device)));
     DNSPROXY_LOG(TRACE, __func__, 0, "strlen(buf):%d", static_cast<int>(strlen(line)));

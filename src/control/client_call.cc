@@ -205,14 +205,13 @@ int dnsproxy_public_dnsServer(dnsproxy_public_msg *msg)
         return DNSPROXY_ERESOURCE;
     if (reply.result < 0)
         return reply.result;
-    const uint32_t op = msg->op;
-    *msg = reply;
-    if (has_trailing_data(op)) {
-        const int status = read_trailing_data(answer.fd(), msg, deadline);
+    if (has_trailing_data(msg->op)) {
+        const int status = read_trailing_data(answer.fd(), &reply, deadline);
         if (status < 0)
             return status;
     }
-    return msg->result;
+    *msg = reply;
+    return reply.result;
 }
 
 int dnsproxy_public_getDnsServerAll(void)

@@ -220,12 +220,11 @@ int reply(const request *r, int status)
     const int fd = qxcom_nmpipe_open(pipeName.text, NMPIPE_WRITE, 0);
     if (fd <= 0)
         return status;
-    if (!write_whole(fd, r->msg, sizeof *r->msg))
-        status = DNSPROXY_ERESOURCE;
-    else if (status >= 0 && r->trailing != nullptr && !write_whole(fd, r->trailing, r->msg->dataLen))
-        status = DNSPROXY_ERESOURCE;
+    bool whole = write_whole(fd, r->msg, sizeof *r->msg);
+    if (whole && status >= 0 && r->trailing != nullptr)
+        whole = write_whole(fd, r->trailing, r->msg->dataLen);
     qxcom_nmpipe_close(fd);
-    return status;
+    return whole ? status : DNSPROXY_ERESOURCE;
 }
 
 } // namespace

@@ -24,6 +24,7 @@ constexpr char op[] = "dnsproxyd";
 struct loop {
     dnsproxy_public_msg *publicMsgBuf; // one request, reused for every one
     int publicFd;
+    bool pipeServed; // by the pass before: what waits at the upstream sockets then comes first
 };
 
 int set_up(loop *l)
@@ -111,7 +112,11 @@ void pass(loop *l)
             return;
         }
     }
-    if (take_ready(l->publicFd, &ready, &count)) {
+    // A pass that serves the pipe leaves the upstream sockets to the next one, so that one must not be the
+    // pipe's again: clients that keep it full would hold up every reply.
+    const bool pipe_ready = take_ready(l->publicFd, &ready, &count);
+    l->pipeServed = pipe_ready && !(l->pipeServed && count > 0);
+    if (l->pipeServed) {
         serve_request_pipe(l);
         return;
     }
@@ -136,12 +141,14 @@ void dnsproxy_fdset_build(fd_set *reads, int *highest)
 
 int dnsproxyd()
 {
-    loop l = {.publicMsgBuf = nullptr, .publicFd = -1};
+    loop l = {.publicMsgBuf = nullptr, .publicFd = -1, .pipeServed = false};
     const int status = set_up(&l);
     if (status < 0) {
         DNSPROXY_LOG(ERROR, op, status, "dnsproxyd error.");
         if (dnsproxy_data.listenFd > 0)
             (void)close(dnsproxy_data.listenFd);
+        qxcom_nmpipe_close(l.publicFd);
+        free(l.publicMsgBuf);
         return status;
     }
     for (;;)

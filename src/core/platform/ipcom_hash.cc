@@ -105,7 +105,7 @@ ipcom_hash *ipcom_hash_new_fixed(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, i
     if (buckets < 1)
         return nullptr;
     const auto size = static_cast<uint32_t>(buckets);
-    auto *table = static_cast<ipcom_hash *>(calloc(1, sizeof(ipcom_hash) + size * sizeof(bucket *)));
+    auto *table = static_cast<ipcom_hash *>(calloc(1, sizeof(ipcom_hash) + size * sizeof(void *)));
     if (table == nullptr)
         return nullptr;
     table->obj = obj;

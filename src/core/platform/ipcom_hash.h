@@ -26,7 +26,7 @@ ipcom_hash *ipcom_hash_new_fixed(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, i
 // Hash of `length` bytes mixed into `initial`, to be chained over the fields of a key. It is keyed with a
 // secret drawn once per process, so that nobody outside can aim many keys at one bucket; the same bytes
 // give the same value for the life of the process only.
-uint32_t ipcom_hash_update(const void *bytes, uint32_t length, uint32_t initial);
+[[gnu::nonnull]] uint32_t ipcom_hash_update(const void *bytes, uint32_t length, uint32_t initial);
 
 // 0, or -1 when there was no memory to grow a bucket; then the table is as before.
 [[nodiscard]] int ipcom_hash_add(ipcom_hash *table, void *record);
