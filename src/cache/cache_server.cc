@@ -6,8 +6,7 @@
 #include "core/log.h"
 #include "core/status.h"
 
-namespace
-{
+namespace {
 
 using slot_check = int (*)(uint64_t slot);
 

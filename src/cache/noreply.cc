@@ -3,14 +3,12 @@
 #include "core/dnsproxy_data.h"
 #include "core/platform/nms_event.h"
 
-namespace
-{
+namespace {
 
 constexpr int32_t no_reply_event = 10801001;
 constexpr int32_t threshold = 10;
 
-class lock_guard
-{
+class lock_guard {
 public:
     lock_guard() { (void)pthread_mutex_lock(&dnsproxy_data.noReplyLock); }
     ~lock_guard() { (void)pthread_mutex_unlock(&dnsproxy_data.noReplyLock); }

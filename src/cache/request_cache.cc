@@ -12,8 +12,7 @@
 #include "core/status.h"
 #include "iface/family.h"
 
-namespace
-{
+namespace {
 
 // Search keys of the host tables, and the one way to hash their fields and those of a record.
 struct host_key {

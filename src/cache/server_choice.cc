@@ -10,8 +10,7 @@
 #include "net/pending_id.h"
 #include "net/proxy_socket.h"
 
-namespace
-{
+namespace {
 
 struct choice_v4 : ipv4 {
     using host = query_host_v4;

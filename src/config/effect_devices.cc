@@ -8,8 +8,7 @@
 #include "core/log.h"
 #include "core/status.h"
 
-namespace
-{
+namespace {
 
 constexpr char command_format[] =
     ". /lib/zone/zone_api.sh && usrif=$(zone_iface_to_userif %s) && zone_get_effect_devices ${usrif}";
@@ -26,8 +25,7 @@ bool is_safe_name(const char *name)
 
 // The command's output stream; closing it waits for the command. The command gets the default action of
 // SIGPIPE, which the daemon ignores: one that prints without end then ends when the stream is closed.
-class command_output
-{
+class command_output {
 public:
     explicit command_output(const char *command)
     {

@@ -7,8 +7,7 @@
 
 constexpr int DNSPROXY_LINE_SIZE = 1025; // bytes, with the terminating NUL
 
-class text_file
-{
+class text_file {
 public:
     explicit text_file(const char *path) : file_(fopen(path, "re")) {}
     ~text_file()

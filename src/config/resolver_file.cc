@@ -11,8 +11,7 @@
 #include "core/status.h"
 #include "iface/server_if.h"
 
-namespace
-{
+namespace {
 
 constexpr char path[] = "/tmp/resolv.conf.auto";
 constexpr char blanks[] = " \t\r\n";

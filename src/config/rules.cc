@@ -10,8 +10,7 @@
 #include "core/status.h"
 #include "iface/listen_if.h"
 
-namespace
-{
+namespace {
 
 // The options of one rule; null where absent. They live in the loaded package.
 struct rule {

@@ -17,8 +17,7 @@
 #include "control/public_msg.h"
 #include "core/platform/qxcom_nmpipe.h"
 
-namespace
-{
+namespace {
 
 constexpr char request_pipe[] = "dnsproxypublicrecvpipe";
 constexpr int reply_capacity = 20;  // messages
@@ -34,8 +33,7 @@ int64_t now_ms()
 }
 
 // Keeps SIGPIPE from the caller while a pipe is written whose reader may have gone.
-class sigpipe_guard
-{
+class sigpipe_guard {
 public:
     sigpipe_guard()
     {
@@ -67,8 +65,7 @@ private:
 };
 
 // An open end of a pipe.
-class pipe_end
-{
+class pipe_end {
 public:
     explicit pipe_end(int fd) : fd_(fd) {}
     ~pipe_end() { qxcom_nmpipe_close(fd_); }
@@ -81,8 +78,7 @@ private:
 };
 
 // The reply pipe of one call, under a name of its own.
-class reply_pipe
-{
+class reply_pipe {
 public:
     reply_pipe() = default;
     ~reply_pipe()

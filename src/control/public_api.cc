@@ -15,8 +15,7 @@
 #include "iface/if_show.h"
 #include "iface/server_if.h"
 
-namespace
-{
+namespace {
 
 constexpr char op_name[] = "dnsproxy_public_read";
 

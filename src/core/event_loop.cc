@@ -15,8 +15,7 @@
 #include "net/reply.h"
 #include "net/request.h"
 
-namespace
-{
+namespace {
 
 constexpr char op[] = "dnsproxyd";
 

@@ -8,8 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr size_t piece_max = 4096; // what a pipe that polls writable takes whole
 constexpr size_t line_max = 2048;  // longer log lines are cut

@@ -55,8 +55,7 @@ void dnsproxy_output(const char *text, size_t length);
 // Collects the text of a dump in memory:
 //     dnsproxy_dump dump; if (FILE *out = dump.file()) fprintf(out, ...); dump.write();
 // Without memory the dump is lost.
-class dnsproxy_dump
-{
+class dnsproxy_dump {
 public:
     dnsproxy_dump();
     ~dnsproxy_dump();

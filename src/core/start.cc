@@ -10,8 +10,7 @@
 #include "iface/if_show.h"
 #include "iface/listen_if.h"
 
-namespace
-{
+namespace {
 
 constexpr struct {
     int (*run)();

@@ -10,8 +10,7 @@
 #include "iface/if_show.h"
 #include "iface/ifname.h"
 
-namespace
-{
+namespace {
 
 constexpr uint32_t socket_idle_ms = 60000;
 

@@ -12,8 +12,7 @@
 #include "core/status.h"
 #include "net/proxy_socket.h"
 
-namespace
-{
+namespace {
 
 constexpr size_t batch_size = 4096;
 

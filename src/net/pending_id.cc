@@ -2,8 +2,7 @@
 
 #include "core/dnsproxy_data.h"
 
-namespace
-{
+namespace {
 
 constexpr int map_bits = 8 * static_cast<int>(sizeof dnsproxy_data.pendingIdMap);
 

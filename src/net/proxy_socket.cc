@@ -12,8 +12,7 @@
 #include "core/status.h"
 #include "iface/family.h"
 
-namespace
-{
+namespace {
 
 struct socket_option {
     int level;

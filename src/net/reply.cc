@@ -11,8 +11,7 @@
 #include "iface/family.h"
 #include "net/pending_id.h"
 
-namespace
-{
+namespace {
 
 constexpr char op[] = "dnsproxy_server_socket_read";
 

@@ -18,8 +18,7 @@
 #include "net/intf_monitor.h"
 #include "net/proxy_socket.h"
 
-namespace
-{
+namespace {
 
 constexpr size_t control_size = 256;
 constexpr size_t name_size = 32;

@@ -6,8 +6,7 @@
 #include "tests/support/daemon_state.h"
 #include "tests/support/log_capture.h"
 
-namespace
-{
+namespace {
 
 // The two caches behind one face; hosts are told apart by their number.
 struct v4 {
@@ -45,8 +44,7 @@ struct v6 {
     static void clear_slot(dnsproxy_server_if *sif, int slot) { sif->dnsServer6[slot] = {}; }
 };
 
-template <class Family> class request_cache : public daemon_state
-{
+template <class Family> class request_cache : public daemon_state {
 protected:
     dnsproxy_server_if *wan1_ = add_server_if("wan1", "10.0.1.53", "10.0.1.54", "fd00:1::53", "fd00:1::54");
 
@@ -191,9 +189,7 @@ TEST(request_cache_v6, an_ipv4_host_on_loopback_is_found_by_its_ipv4_address)
     EXPECT_EQ(dnsproxy_entry_find(loopback, 1000, 7), nullptr) << "the caches are apart";
 }
 
-class noreply : public daemon_state
-{
-};
+class noreply : public daemon_state {};
 
 TEST_F(noreply, ten_expiries_without_a_reply_are_reported_once_until_a_reply_comes)
 {
@@ -213,8 +209,7 @@ TEST_F(noreply, ten_expiries_without_a_reply_are_reported_once_until_a_reply_com
     }
 }
 
-class cache_server : public daemon_state
-{
+class cache_server : public daemon_state {
 protected:
     static int choose(std::string *ifname, int *slot)
     {

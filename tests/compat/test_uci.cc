@@ -25,8 +25,7 @@
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 
-namespace
-{
+namespace {
 
 std::string quoted(const char *text)
 {
@@ -99,8 +98,7 @@ void spill(const fs::path &path, const std::string &content)
 }
 
 // A directory of its own for the package files, and a context that reads from it.
-class uci : public testing::Test
-{
+class uci : public testing::Test {
 protected:
     uci()
     {

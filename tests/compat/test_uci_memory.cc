@@ -32,8 +32,7 @@ void *__wrap_realloc(void *old, size_t size)
 }
 }
 
-namespace
-{
+namespace {
 
 // A file that takes every road to an allocation: the growth of its buffer and of the name index, named and
 // generated sections, options, lists, and an option that becomes a list.

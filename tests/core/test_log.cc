@@ -9,8 +9,7 @@
 
 #include "tests/support/log_capture.h"
 
-namespace
-{
+namespace {
 
 TEST(log, writes_lines_up_to_its_level)
 {
@@ -52,8 +51,7 @@ TEST(log, long_lines_are_cut_and_still_end)
 }
 
 // Standard output replaced by the write end of a pipe.
-class output_into_pipe : public testing::Test
-{
+class output_into_pipe : public testing::Test {
 protected:
     void SetUp() override
     {

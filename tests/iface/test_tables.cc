@@ -8,11 +8,9 @@
 #include "tests/support/daemon_state.h"
 #include "tests/support/log_capture.h"
 
-namespace
-{
+namespace {
 
-class tables : public daemon_state
-{
+class tables : public daemon_state {
 protected:
     static std::string lines()
     {

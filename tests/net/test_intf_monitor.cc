@@ -9,8 +9,7 @@
 
 #include "tests/support/log_capture.h"
 
-namespace
-{
+namespace {
 
 // A netlink message with its header only, or with a length of its own.
 std::string message(uint16_t type, uint32_t length = sizeof(nlmsghdr))
@@ -24,8 +23,7 @@ std::string message(uint16_t type, uint32_t length = sizeof(nlmsghdr))
     return bytes;
 }
 
-class intf_monitor : public testing::Test
-{
+class intf_monitor : public testing::Test {
 protected:
     void SetUp() override
     {

@@ -4,8 +4,7 @@
 
 #include "core/dnsproxy_data.h"
 
-namespace
-{
+namespace {
 
 TEST(pending_id, uses_the_bit_of_its_hash)
 {

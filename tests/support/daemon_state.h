@@ -15,8 +15,7 @@
 #include "iface/server_if.h"
 #include "tests/support/fake_clock.h"
 
-class daemon_state : public testing::Test
-{
+class daemon_state : public testing::Test {
 protected:
     daemon_state()
     {

@@ -6,8 +6,7 @@
 
 #include "core/platform/ipcom_tmo2.h"
 
-class fake_clock
-{
+class fake_clock {
 public:
     fake_clock() : real_(ipcom_tmo2_clock)
     {

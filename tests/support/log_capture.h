@@ -8,8 +8,7 @@
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
 
-class log_capture
-{
+class log_capture {
 public:
     explicit log_capture(int level = DNSPROXY_LOG_TRACE) : before_(dnsproxy_data.logLevel)
     {

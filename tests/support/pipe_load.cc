@@ -14,8 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr uint32_t operations[] = {DNSPROXY_DNS_SERVER_GETIFS, DNSPROXY_DNS_SERVER_GETADDRS,
                                    DNSPROXY_DNS_SERVER_GET, 10};

@@ -9,8 +9,7 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
-namespace
-{
+namespace {
 
 constexpr int32_t default_buckets = 256;
 constexpr uint32_t smallest_capacity = 4;

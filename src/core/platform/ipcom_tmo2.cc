@@ -5,8 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 
-namespace
-{
+namespace {
 
 constexpr int64_t ns_per_ms = 1'000'000;
 constexpr int64_t ns_per_us = 1'000;

@@ -3,8 +3,7 @@
 #include <dlfcn.h>
 #include <syslog.h>
 
-namespace
-{
+namespace {
 
 constexpr char library_name[] = "libnms_event_report_so.so";
 constexpr char symbol_name[] = "nms_event_notify";

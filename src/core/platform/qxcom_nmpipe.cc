@@ -10,8 +10,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace
-{
+namespace {
 
 constexpr char folder[] = "/var/run/nmpipe";
 constexpr size_t name_max = 99;
@@ -26,8 +25,7 @@ struct held_pipe {
 held_pipe *held;
 pthread_mutex_t held_lock = PTHREAD_MUTEX_INITIALIZER;
 
-class held_guard
-{
+class held_guard {
 public:
     held_guard() { (void)pthread_mutex_lock(&held_lock); }
     ~held_guard() { (void)pthread_mutex_unlock(&held_lock); }
@@ -35,8 +33,7 @@ public:
     held_guard &operator=(const held_guard &) = delete;
 };
 
-class descriptor
-{
+class descriptor {
 public:
     explicit descriptor(int fd) : fd_(fd) {}
     ~descriptor()

@@ -7,8 +7,7 @@
 #include <set>
 #include <vector>
 
-namespace
-{
+namespace {
 
 struct record {
     uint32_t key;
@@ -38,8 +37,7 @@ uint32_t one_hash_for_all(const void *)
     return 7;
 }
 
-class table
-{
+class table {
 public:
     explicit table(int buckets, ipcom_hash_obj_fn obj = hash_record, ipcom_hash_key_fn key = hash_key)
         : hash_(ipcom_hash_new_fixed(obj, key, matches, buckets))

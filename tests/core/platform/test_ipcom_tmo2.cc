@@ -9,8 +9,7 @@
 
 #include "tests/support/fake_clock.h"
 
-namespace
-{
+namespace {
 
 // A timer with something to do when it fires. It deletes itself if told to.
 struct owner {
@@ -30,8 +29,7 @@ int fire(void *arg)
     return 0;
 }
 
-class ipcom_tmo2_test : public testing::Test
-{
+class ipcom_tmo2_test : public testing::Test {
 protected:
     ~ipcom_tmo2_test() override { ipcom_tmo2_delete(head_); }
 

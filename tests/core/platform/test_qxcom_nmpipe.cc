@@ -14,13 +14,11 @@
 #include <unistd.h>
 #include <vector>
 
-namespace
-{
+namespace {
 
 constexpr char path[] = "/var/run/nmpipe/test";
 
-class nmpipe : public testing::Test
-{
+class nmpipe : public testing::Test {
 protected:
     void SetUp() override { signal(SIGPIPE, SIG_IGN); }
     void TearDown() override
