@@ -16,6 +16,22 @@ else()
     add_library(dnsproxyd_uci ALIAS dnsproxyd_compat_uci)
 endif()
 
+find_path(UBUS_INCLUDE_DIR libubus.h)
+find_path(UBOX_INCLUDE_DIR libubox/uloop.h)
+find_library(UBUS_LIBRARY ubus)
+mark_as_advanced(UBUS_INCLUDE_DIR UBOX_INCLUDE_DIR UBUS_LIBRARY)
+
+if(UBUS_INCLUDE_DIR AND UBOX_INCLUDE_DIR AND UBUS_LIBRARY AND UBOX_LIBRARY)
+    message(STATUS "libubus: ${UBUS_LIBRARY}")
+    add_library(dnsproxyd_ubus INTERFACE)
+    target_include_directories(dnsproxyd_ubus SYSTEM INTERFACE ${UBUS_INCLUDE_DIR} ${UBOX_INCLUDE_DIR})
+    target_link_libraries(dnsproxyd_ubus INTERFACE ${UBUS_LIBRARY} ${UBOX_LIBRARY})
+else()
+    message(STATUS "libubus: not found, using the stand-in in compat/ubus")
+    add_subdirectory(${PROJECT_SOURCE_DIR}/compat/ubus)
+    add_library(dnsproxyd_ubus ALIAS dnsproxyd_compat_ubus)
+endif()
+
 # xxHash is used through its header alone.
 find_path(XXHASH_INCLUDE_DIR xxhash.h REQUIRED)
 mark_as_advanced(XXHASH_INCLUDE_DIR)

@@ -1,6 +1,7 @@
 #include "cache/noreply.h"
 
 #include "core/dnsproxy_data.h"
+#include "core/platform/mutex_guard.h"
 #include "core/platform/nms_event.h"
 
 namespace {
@@ -8,19 +9,11 @@ namespace {
 constexpr int32_t no_reply_event = 10801001;
 constexpr int32_t threshold = 10;
 
-class lock_guard {
-public:
-    lock_guard() { (void)pthread_mutex_lock(&dnsproxy_data.noReplyLock); }
-    ~lock_guard() { (void)pthread_mutex_unlock(&dnsproxy_data.noReplyLock); }
-    lock_guard(const lock_guard &) = delete;
-    lock_guard &operator=(const lock_guard &) = delete;
-};
-
 } // namespace
 
 void dnsproxy_noreply_count()
 {
-    const lock_guard lock;
+    const mutex_guard lock(&dnsproxy_data.noReplyLock);
     dnsproxy_data.noReplyCount++;
     if (dnsproxy_data.noReplyCount >= threshold && dnsproxy_data.noReplyArmed == 1) {
         (void)nms_event_notify(no_reply_event, nullptr, "{}");
@@ -31,7 +24,7 @@ void dnsproxy_noreply_count()
 
 void dnsproxy_noreply_reset()
 {
-    const lock_guard lock;
+    const mutex_guard lock(&dnsproxy_data.noReplyLock);
     dnsproxy_data.noReplyCount = 0;
     dnsproxy_data.noReplyArmed = 1;
 }

@@ -98,20 +98,14 @@ template <class F> bool send_to(query<F> *q, dnsproxy_server_if *sif, int slot, 
     return true;
 }
 
-void make_last(dnsproxy_server_if *sif)
-{
-    ipcom_list_remove(&sif->link);
-    ipcom_list_insert_before(&dnsproxy_data.serverIfList, &sif->link);
-}
-
 template <class F> int walk_lines(query<F> *q, typename F::slot_check check, bool polling)
 {
     int status = 0;
     for (auto *sif = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList); sif != nullptr;
          sif = ipcom_next(sif)) {
-        if (F::heeds_link_state && !polling && sif->is_down != 0) {
+        if (F::heeds_link_state && !polling && server_if_is_down(sif)) {
             DNSPROXY_LOG(DEBUG, F::op, 0, "iface:%s is_down:%d polling:%d", sif->ifname,
-                         static_cast<int>(sif->is_down), 0);
+                         static_cast<int>(server_if_link_state(sif)), 0);
             continue;
         }
         bool used = false;
@@ -119,13 +113,13 @@ template <class F> int walk_lines(query<F> *q, typename F::slot_check check, boo
             if (!F::slot_passes(check, sif, slot))
                 continue;
             if (!send_to(q, sif, slot, &status)) {
-                make_last(sif);
+                dnsproxy_server_if_make_last(sif);
                 return status;
             }
             used = true;
         }
         if (used && !polling) {
-            make_last(sif);
+            dnsproxy_server_if_make_last(sif);
             return status;
         }
     }
@@ -144,7 +138,7 @@ int choose(typename F::slot_check check, int len, uint8_t *buf, const typename F
                   .new_id = 0,
                   .identified = false,
                   .recorded = false};
-    const bool all_down = F::heeds_link_state && dnsproxy_data.allServerIfDown == 1;
+    const bool all_down = F::heeds_link_state && server_if_all_down();
     const int status = walk_lines(&q, check, all_down || polling != 0);
     dns_set_id(buf, q.id);
     DNSPROXY_RETURN(F::op, status);

@@ -23,9 +23,14 @@ struct dnsproxy_data {
 
     ipcom_list listenIfList; // dnsproxy_listen_if, in the order of the rules
     ipcom_hash *listenIfHash;
+    // The main thread alone adds, removes and moves server interfaces, under the lock; the bus thread reads
+    // list and table under it. It is never held across a system call other than for memory.
+    pthread_mutex_t serverIfLock = PTHREAD_MUTEX_INITIALIZER;
     ipcom_list serverIfList; // dnsproxy_server_if, in the order in which they are tried
     ipcom_hash *serverIfHash;
-    int32_t allServerIfDown; // 1: at the last change of a link state no line was up
+    int32_t allServerIfDown; // both threads, by server_if_all_down
+
+    pthread_t ubusThread;
 
     ipcom_list cacheList; // dnsproxy_cache_entry, oldest first
     ipcom_hash *cacheHash;

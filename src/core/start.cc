@@ -4,6 +4,7 @@
 #include "config/online_state.h"
 #include "config/resolver_file.h"
 #include "config/rules.h"
+#include "control/bus.h"
 #include "core/dnsproxy_data.h"
 #include "core/event_loop.h"
 #include "core/log.h"
@@ -39,6 +40,7 @@ int dnsproxy_start()
     (void)dnsproxy_load_servers();
     dnsproxy_if_show();
     (void)dnsproxy_load_server_dev_state();
+    (void)dnsproxy_ubus_start();
     (void)dnsproxyd();
     DNSPROXY_RETURN(__func__, 0);
 }

@@ -32,7 +32,7 @@ static void show_server_if(FILE *out, const dnsproxy_server_if *sif)
     (void)fprintf(out, "The next dns server index:%d\n", sif->dnsIndex);
     (void)fprintf(out, "The serverFd = %d.\n", sif->serverFd);
     (void)fprintf(out, "The useCount:%d\n", static_cast<int32_t>(sif->useCount));
-    (void)fprintf(out, "The is_down:%d\n", static_cast<int32_t>(sif->is_down));
+    (void)fprintf(out, "The is_down:%d\n", static_cast<int32_t>(server_if_link_state(sif)));
     (void)fprintf(out, "\n\n");
 }
 

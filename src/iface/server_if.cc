@@ -6,6 +6,7 @@
 
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
+#include "core/platform/mutex_guard.h"
 #include "core/status.h"
 #include "iface/if_show.h"
 #include "iface/ifname.h"
@@ -30,18 +31,46 @@ bool is_vpn_device(const char *ifname)
     return strncmp(ifname, "lt-", 3) == 0 || strncmp(ifname, "pt-", 3) == 0;
 }
 
+bool enter_record(dnsproxy_server_if *sif)
+{
+    const mutex_guard lock(&dnsproxy_data.serverIfLock);
+    if (ipcom_hash_add(dnsproxy_data.serverIfHash, sif) != 0)
+        return false;
+    ipcom_list_insert_last(&dnsproxy_data.serverIfList, &sif->link);
+    return true;
+}
+
 void remove_record(dnsproxy_server_if *sif)
 {
     dnsproxy_server_if_close(&sif->serverFd, &sif->serverTmo);
     dnsproxy_server_if_close(&sif->serverFd6, &sif->serverTmo6);
-    (void)ipcom_hash_remove(dnsproxy_data.serverIfHash, sif);
-    ipcom_list_remove(&sif->link);
+    {
+        const mutex_guard lock(&dnsproxy_data.serverIfLock);
+        (void)ipcom_hash_remove(dnsproxy_data.serverIfHash, sif);
+        ipcom_list_remove(&sif->link);
+    }
     free(sif);
 }
 
 int remove_normal(void *record, void *)
 {
     return dnsproxy_server_if_del_normal(static_cast<dnsproxy_server_if *>(record));
+}
+
+// False: there is no such device.
+bool set_link_state(const char *ifname, const uint64_t *is_down)
+{
+    const mutex_guard lock(&dnsproxy_data.serverIfLock);
+    dnsproxy_server_if *sif = dnsproxy_server_if_get(ifname);
+    if (sif == nullptr)
+        return false;
+    if (is_down != nullptr)
+        __atomic_store_n(&sif->is_down, *is_down, __ATOMIC_RELAXED);
+    const auto *up = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList);
+    while (up != nullptr && server_if_is_down(up))
+        up = ipcom_next(up);
+    __atomic_store_n(&dnsproxy_data.allServerIfDown, up == nullptr ? 1 : 0, __ATOMIC_RELAXED);
+    return true;
 }
 
 void set_slot(uint64_t *slot, const uint64_t *address)
@@ -107,13 +136,12 @@ int dnsproxy_server_if_new(const char *ifname, uint64_t dns, uint64_t dns2, cons
     sif->serverFd = -1;
     sif->serverFd6 = -1;
     sif->sockTimeout = socket_idle_ms;
-    if (ipcom_hash_add(dnsproxy_data.serverIfHash, sif) != 0) {
+    if (!enter_record(sif)) {
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ENOMEMORY, "No memory to create server if(ifname:%s).",
                      ifname);
         free(sif);
         DNSPROXY_RETURN(__func__, DNSPROXY_ENOMEMORY);
     }
-    ipcom_list_insert_last(&dnsproxy_data.serverIfList, &sif->link);
     DNSPROXY_RETURN(__func__, 0);
 }
 
@@ -172,23 +200,23 @@ int dnsproxy_server_if_delAll()
 
 int dnsproxy_server_if_state_up(const char *ifname, const uint64_t *is_down)
 {
-    dnsproxy_server_if *sif = dnsproxy_server_if_get(ifname);
-    if (sif == nullptr) {
+    if (!set_link_state(ifname, is_down)) {
         DNSPROXY_LOG(DEBUG, __func__, DNSPROXY_ENOTFOUND, "Can not find the server if(ifname:%s).", ifname);
         DNSPROXY_RETURN(__func__, DNSPROXY_ENOTFOUND);
     }
-    if (is_down != nullptr)
-        sif->is_down = *is_down;
-    const auto *up = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList);
-    while (up != nullptr && up->is_down != 0)
-        up = ipcom_next(up);
-    dnsproxy_data.allServerIfDown = up == nullptr ? 1 : 0;
     DNSPROXY_RETURN(__func__, 0);
 }
 
 dnsproxy_server_if *dnsproxy_server_if_get(const char *ifname)
 {
     return static_cast<dnsproxy_server_if *>(ipcom_hash_get(dnsproxy_data.serverIfHash, ifname));
+}
+
+void dnsproxy_server_if_make_last(dnsproxy_server_if *sif)
+{
+    const mutex_guard lock(&dnsproxy_data.serverIfLock);
+    ipcom_list_remove(&sif->link);
+    ipcom_list_insert_before(&dnsproxy_data.serverIfList, &sif->link);
 }
 
 void dnsproxy_server_if_close(int32_t *fd, ipcom_tmo2 *idle_timer)

@@ -1,5 +1,6 @@
 // The server interface table: one record per outgoing (WAN) device with its DNS servers, upstream sockets,
-// idle timers and link state. The order of serverIfList is the order in which lines are tried.
+// idle timers and link state. The order of serverIfList is the order in which lines are tried. Main thread,
+// where nothing else is said.
 #ifndef IFACE_SERVER_IF_H
 #define IFACE_SERVER_IF_H
 
@@ -8,6 +9,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
+#include "core/dnsproxy_data.h"
 #include "core/platform/ipcom_list.h"
 #include "core/platform/ipcom_tmo2.h"
 
@@ -26,7 +28,7 @@ struct dnsproxy_server_if {
     ipcom_tmo2 serverTmo6;                          // closes serverFd6 when idle
     uint32_t sockTimeout;                           // idle time of both sockets, milliseconds
     uint64_t useCount;                              // queries forced out through this device
-    uint64_t is_down;                               // 0: link up
+    uint64_t is_down;                               // 0: link up; both threads, by server_if_link_state
 };
 static_assert(offsetof(dnsproxy_server_if, link) == 0);
 
@@ -55,11 +57,30 @@ static_assert(offsetof(dnsproxy_server_if, link) == 0);
 [[nodiscard]] int dnsproxy_server_if_delAll();
 
 // Sets a device's link state (null: leaves it; nonzero: down) and brings allServerIfDown up to date. 0 or
-// DNSPROXY_ENOTFOUND.
+// DNSPROXY_ENOTFOUND. Any thread.
 int dnsproxy_server_if_state_up(const char *ifname, const uint64_t *is_down);
 
 // The record of that device, or nullptr.
 dnsproxy_server_if *dnsproxy_server_if_get(const char *ifname);
+
+// Makes the device the last one that is tried.
+void dnsproxy_server_if_make_last(dnsproxy_server_if *sif);
+
+// The link states, which two threads use: of one device, and whether at the last change no line was up.
+inline uint64_t server_if_link_state(const dnsproxy_server_if *sif)
+{
+    return __atomic_load_n(&sif->is_down, __ATOMIC_RELAXED);
+}
+
+inline bool server_if_is_down(const dnsproxy_server_if *sif)
+{
+    return server_if_link_state(sif) != 0;
+}
+
+inline bool server_if_all_down()
+{
+    return __atomic_load_n(&dnsproxy_data.allServerIfDown, __ATOMIC_RELAXED) == 1;
+}
 
 // Closes one upstream socket and its idle timer, if the socket is open: the descriptor is then -1.
 void dnsproxy_server_if_close(int32_t *fd, ipcom_tmo2 *idle_timer);

@@ -249,6 +249,16 @@ template <class F> int forced_slot(const dnsproxy_server_if *sif)
     return slot != no_slot ? slot : first_server<F>(sif, 0, sif->dnsIndex);
 }
 
+// Whether a send failed because the device has gone. Over IPv4 it says so itself; over IPv6 it finds no
+// route, as for a line that is merely down, and the socket must be asked for its device.
+bool device_has_gone(int fd, int error)
+{
+    char ifname[IF_NAMESIZE];
+    socklen_t length = sizeof ifname;
+    return error == ENODEV ||
+           (getsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, ifname, &length) < 0 && errno == ENODEV);
+}
+
 // The device has gone: the next query opens a new socket, on a device that may have come back by then.
 template <class F> void close_dead_socket(dnsproxy_server_if *sif)
 {
@@ -297,7 +307,7 @@ template <class F> int send_forced(query<F> *q, const dnsproxy_listen_if *lif)
     DNSPROXY_LOG(TRACE, F::op, 0, "sendsize:%d,recvsize:%d,errno:%d", static_cast<int>(sent),
                  static_cast<int>(q->length), error);
     if (sent < static_cast<ssize_t>(q->length)) {
-        if (error == ENODEV)
+        if (device_has_gone(sif->*F::fd, error))
             close_dead_socket<F>(sif);
         DNSPROXY_LOG(ERROR, F::op, status, F::msg_send);
         return status;

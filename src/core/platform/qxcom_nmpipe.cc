@@ -5,10 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
+
+#include "core/platform/mutex_guard.h"
 
 namespace {
 
@@ -24,14 +25,6 @@ struct held_pipe {
 
 held_pipe *held;
 pthread_mutex_t held_lock = PTHREAD_MUTEX_INITIALIZER;
-
-class held_guard {
-public:
-    held_guard() { (void)pthread_mutex_lock(&held_lock); }
-    ~held_guard() { (void)pthread_mutex_unlock(&held_lock); }
-    held_guard(const held_guard &) = delete;
-    held_guard &operator=(const held_guard &) = delete;
-};
 
 class descriptor {
 public:
@@ -95,14 +88,14 @@ void hold(held_pipe *entry, const char *name, int fd)
 {
     entry->fd = fd;
     memcpy(entry->name, name, strlen(name) + 1);
-    const held_guard guard;
+    const mutex_guard lock(&held_lock);
     entry->next = held;
     held = entry;
 }
 
 void let_go(const char *name)
 {
-    const held_guard guard;
+    const mutex_guard lock(&held_lock);
     for (held_pipe **link = &held; *link != nullptr;) {
         held_pipe *entry = *link;
         if (strcmp(entry->name, name) != 0) {

@@ -1,0 +1,231 @@
+#include "control/bus.h"
+
+#include <csignal>
+#include <cstring>
+#include <iterator>
+#include <libubus.h>
+#include <pthread.h>
+
+#include "core/dnsproxy_data.h"
+#include "core/log.h"
+#include "core/platform/mutex_guard.h"
+#include "iface/server_if.h"
+
+namespace {
+
+constexpr char socket_path[] = "/var/run/ubus.sock";
+constexpr int reconnect_s = 2;
+constexpr size_t field_size = 32; // of a method's text field, with its NUL
+
+// All of this belongs to the bus thread.
+ubus_context *dnsproxy_ctx; // nullptr until connected
+uloop_timeout dnsproxy_reconnect_timer;
+blob_buf reply_buf;
+bool reconnecting; // a reconnect is under way
+bool lost_again;   // and has lost its connection meanwhile
+
+void end_process(int number)
+{
+    (void)signal(number, SIG_DFL);
+    (void)raise(number);
+}
+
+// The bus library takes over SIGINT, SIGTERM and SIGCHLD while it connects, if they have their default
+// action, and then waits for the bus without a limit. Around such calls the first two get a handler that does
+// what the default does, which the library leaves alone; afterwards all three are as they were, so that one
+// SIGTERM ends the daemon at any time and children stay with whoever made them.
+class own_signals {
+public:
+    own_signals()
+    {
+        for (size_t i = 0; i < std::size(numbers); i++) {
+            (void)sigaction(numbers[i], nullptr, &before_[i]);
+            if (numbers[i] != SIGCHLD && before_[i].sa_handler == SIG_DFL)
+                (void)signal(numbers[i], end_process);
+        }
+    }
+    ~own_signals()
+    {
+        for (size_t i = 0; i < std::size(numbers); i++)
+            (void)sigaction(numbers[i], &before_[i], nullptr);
+    }
+    own_signals(const own_signals &) = delete;
+    own_signals &operator=(const own_signals &) = delete;
+
+private:
+    static constexpr int numbers[] = {SIGINT, SIGTERM, SIGCHLD};
+    struct sigaction before_[std::size(numbers)];
+};
+
+enum update_field { UPDATE_NAME, UPDATE_DEV, UPDATE_STATUS, UPDATE_FIELDS };
+
+constexpr blobmsg_policy update_policy[UPDATE_FIELDS] = {
+    {.name = "name", .type = BLOBMSG_TYPE_STRING},
+    {.name = "dev", .type = BLOBMSG_TYPE_STRING},
+    {.name = "status", .type = BLOBMSG_TYPE_STRING},
+};
+
+void copy_field(blob_attr *field, char (&text)[field_size])
+{
+    memset(text, 0, sizeof text);
+    const char *value = blobmsg_get_string(field);
+    memcpy(text, value, strnlen(value, sizeof text - 1));
+}
+
+int dnsproxy_update_if(ubus_context *, ubus_object *, ubus_request_data *, const char *, blob_attr *message)
+{
+    blob_attr *fields[UPDATE_FIELDS] = {};
+    (void)blobmsg_parse(update_policy, UPDATE_FIELDS, fields, blob_data(message),
+                        static_cast<unsigned int>(blob_len(message)));
+    for (const blob_attr *field : fields) {
+        if (field == nullptr)
+            return UBUS_STATUS_INVALID_ARGUMENT;
+    }
+    char name[field_size];
+    char dev[field_size];
+    char status[field_size];
+    copy_field(fields[UPDATE_NAME], name);
+    copy_field(fields[UPDATE_DEV], dev);
+    copy_field(fields[UPDATE_STATUS], status);
+    const uint64_t is_down = strcmp(status, "on") == 0 ? 0 : 1;
+    DNSPROXY_LOG(DEBUG, __func__, 0, "dns proxy ubus name:%s dev:%s status:%s\r\n", name, dev, status);
+    (void)dnsproxy_server_if_state_up(dev, &is_down); // an unknown device is no error of the caller's
+    return UBUS_STATUS_OK;
+}
+
+void dnsproxy_server_if_fillState(blob_buf *buf)
+{
+    const mutex_guard lock(&dnsproxy_data.serverIfLock);
+    for (const auto *sif = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList); sif != nullptr;
+         sif = ipcom_next(sif)) {
+        void *table = blobmsg_open_nested(buf, sif->ifname, false);
+        (void)blobmsg_add_string(buf, "dev", sif->ifname);
+        (void)blobmsg_add_string(buf, "status", server_if_is_down(sif) ? "off" : "on");
+        blob_nest_end(buf, table);
+    }
+}
+
+int dnsproxy_get_state(ubus_context *ctx, ubus_object *, ubus_request_data *request, const char *,
+                       blob_attr *)
+{
+    (void)blob_buf_init(&reply_buf, 0);
+    dnsproxy_server_if_fillState(&reply_buf);
+    (void)ubus_send_reply(ctx, request, reply_buf.head); // a caller that has gone misses nothing
+    return UBUS_STATUS_OK;
+}
+
+constexpr ubus_method dnsproxy_methods[] = {
+    UBUS_METHOD("update_if", dnsproxy_update_if, update_policy),
+    UBUS_METHOD_NOARG("get_state", dnsproxy_get_state),
+};
+
+ubus_object_type dnsproxy_object_type = UBUS_OBJECT_TYPE("dnsproxy_type", dnsproxy_methods);
+
+ubus_object make_object()
+{
+    ubus_object object = {};
+    object.name = "dnsproxy";
+    object.type = &dnsproxy_object_type;
+    object.methods = dnsproxy_methods;
+    object.n_methods = ARRAY_SIZE(dnsproxy_methods);
+    return object;
+}
+
+ubus_object dnsproxy_object;
+
+void listen_to_bus()
+{
+    (void)uloop_fd_add(&dnsproxy_ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
+}
+
+bool reconnect()
+{
+    reconnecting = true;
+    lost_again = false;
+    const own_signals signals;
+    bool served = ubus_reconnect(dnsproxy_ctx, socket_path) == 0;
+    // A registration that the bus refused is not reported, and the library forgets it.
+    if (served && !lost_again && dnsproxy_object.id == 0)
+        served = ubus_add_object(dnsproxy_ctx, &dnsproxy_object) == 0;
+    reconnecting = false;
+    return served && !lost_again;
+}
+
+void ubus_connection_lost(ubus_context *)
+{
+    // The library also comes here from within a reconnect; that one then counts as failed.
+    if (reconnecting) {
+        lost_again = true;
+        return;
+    }
+    if (dnsproxy_ctx == nullptr) {
+        DNSPROXY_LOG(ERROR, __func__, 0, "dnsproxy_ctx is NULL\n");
+        return;
+    }
+    if (reconnect()) {
+        DNSPROXY_LOG(ERROR, __func__, 0, "reconnected to ubus, new id: %08x\n", dnsproxy_ctx->local_id);
+        listen_to_bus();
+        return;
+    }
+    // The library has closed its socket but may keep the number, which can be another thread's descriptor by
+    // the next attempt.
+    dnsproxy_ctx->sock.fd = -1;
+    DNSPROXY_LOG(ERROR, __func__, 0, "failed to reconnect, trying again in %d seconds\n", reconnect_s);
+    (void)uloop_timeout_set(&dnsproxy_reconnect_timer, reconnect_s * 1000);
+}
+
+void dnsproxy_reconnect_cb(uloop_timeout *)
+{
+    ubus_connection_lost(nullptr);
+}
+
+// Connected, registered and in the loop; false: no object.
+bool publish()
+{
+    const own_signals signals;
+    if (dnsproxy_ctx == nullptr)
+        dnsproxy_ctx = ubus_connect(socket_path);
+    if (dnsproxy_ctx == nullptr) {
+        DNSPROXY_LOG(ERROR, "dnsproxy_ubus_init", 0, "Failed to connect to ubus\n");
+        return false;
+    }
+    dnsproxy_ctx->connection_lost = ubus_connection_lost;
+    dnsproxy_object = make_object();
+    const int status = ubus_add_object(dnsproxy_ctx, &dnsproxy_object);
+    if (status != 0) {
+        DNSPROXY_LOG(ERROR, "dnsproxy_ubus_init", status, "Failed to ubus_add_obj\n");
+        ubus_free(dnsproxy_ctx);
+        dnsproxy_ctx = nullptr;
+        return false;
+    }
+    (void)uloop_init();
+    listen_to_bus();
+    return true;
+}
+
+void *dnsproxy_ubus_init(void *)
+{
+    // Mapping commands run with SIGPIPE at its default for a moment; a bus that has gone must not use it.
+    sigset_t sigpipe;
+    sigemptyset(&sigpipe);
+    sigaddset(&sigpipe, SIGPIPE);
+    (void)pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
+
+    uloop_handle_sigchld = false;
+    dnsproxy_reconnect_timer.cb = dnsproxy_reconnect_cb;
+    if (!publish())
+        return nullptr;
+    uloop_run();
+    uloop_done();
+    ubus_free(dnsproxy_ctx);
+    dnsproxy_ctx = nullptr;
+    return nullptr;
+}
+
+} // namespace
+
+int dnsproxy_ubus_start()
+{
+    (void)pthread_create(&dnsproxy_data.ubusThread, nullptr, dnsproxy_ubus_init, nullptr);
+    return 0;
+}
