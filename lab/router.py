@@ -14,9 +14,11 @@ at once: nothing looks for duplicates. A device that is set down keeps its addre
 Lab is a context manager. A sandbox holds one at a time; leaving it removes every device and host.
 """
 
+import contextlib
 import socket
+from collections.abc import Iterable
 
-from lab import netns, plan
+from lab import netns, plan, wait
 from lab.plan import HOSTS, LINES, NETWORKS
 
 _SYSCTLS = {
@@ -35,11 +37,26 @@ _ROUTER_SYSCTLS = _SYSCTLS | {
 }
 
 
+# TCP, of any host: answers with a reset.
+_CLOSED_PORT = 9
+
+
 def _router_addresses(device: str, address4: str, address6: str) -> list[str]:
     return [
         f"address add {address4}/24 dev {device}",
         f"address add {address6}/64 dev {device} nodad",
     ]
+
+
+def _wait_connected(name: str | None, addresses: Iterable[str]) -> None:
+    """Returns once the network namespace reaches the addresses and they reach it.
+
+    The kernel brings a fresh link up in its own time, and holds back what is sent until the far side's link
+    address is known. After this a datagram arrives before the call that sends it returns.
+    """
+    for address in addresses:
+        with netns.inside(name), contextlib.suppress(ConnectionRefusedError):
+            socket.create_connection((address, _CLOSED_PORT), timeout=wait.PATIENCE).close()
 
 
 def _require_sandbox() -> None:
@@ -63,6 +80,7 @@ class Lab:
         netns.ip_batch(self._local_devices())
         for host in HOSTS.values():
             netns.ip_batch(self._host_setup(host), host.name)
+            self.host_wait(host.name)
         for number in LINES:
             self.line_create(number)
         return self
@@ -112,6 +130,24 @@ class Lab:
             f"route add ::/0 via {host.network.router6}",
         ]
 
+    def host_create(self, name: str, device: str) -> None:
+        """Makes a local device, under any name, with a host behind it that has none: `p1` after `ppp0` went."""
+        host = HOSTS[name]
+        netns.ip_batch(
+            [
+                f"link add {device} type veth peer name eth0 netns {name}",
+                f"link set {device} up",
+                *_router_addresses(device, host.network.router4, host.network.router6),
+            ]
+        )
+        netns.ip_batch(self._host_setup(host), name)
+        self.host_wait(name)
+
+    @staticmethod
+    def host_wait(name: str) -> None:
+        """Waits until a host and the router reach each other, as they do unless its device was changed."""
+        _wait_connected(name, (HOSTS[name].router(family) for family in (4, 6)))
+
     def line_create(self, number: int) -> None:
         """Makes a line's device with the network behind it; sockets of its servers work again."""
         line = LINES[number]
@@ -133,6 +169,7 @@ class Lab:
             ],
             line.netns,
         )
+        _wait_connected(None, line.addresses)
 
     def line_delete(self, number: int) -> None:
         """Removes a line's device, as pulling out a USB modem does."""
@@ -141,6 +178,8 @@ class Lab:
     def line_set(self, number: int, up: bool) -> None:
         """Sets a line's device up or down; it keeps its index and its addresses."""
         netns.ip_batch([f"link set {LINES[number].device} {'up' if up else 'down'}"])
+        if up:
+            _wait_connected(None, LINES[number].addresses)
 
     def line_rename(self, number: int, name: str) -> None:
         """Gives a line's device another name; `link_rename`, the other way round, undoes it."""

@@ -101,18 +101,18 @@ struct ubus_context {
 
 #define UBUS_METHOD(_name, _handler, _policy)                                                                \
     {                                                                                                        \
-        .name = _name, .handler = _handler, .mask = 0, .tags = 0, .policy = _policy,                         \
+        .name = (_name), .handler = (_handler), .mask = 0, .tags = 0, .policy = (_policy),                   \
         .n_policy = ARRAY_SIZE(_policy)                                                                      \
     }
 
 #define UBUS_METHOD_NOARG(_name, _handler)                                                                   \
     {                                                                                                        \
-        .name = _name, .handler = _handler, .mask = 0, .tags = 0, .policy = NULL, .n_policy = 0              \
+        .name = (_name), .handler = (_handler), .mask = 0, .tags = 0, .policy = NULL, .n_policy = 0          \
     }
 
 #define UBUS_OBJECT_TYPE(_name, _methods)                                                                    \
     {                                                                                                        \
-        .name = _name, .id = 0, .methods = _methods, .n_methods = ARRAY_SIZE(_methods)                       \
+        .name = (_name), .id = 0, .methods = (_methods), .n_methods = ARRAY_SIZE(_methods)                   \
     }
 
 // The text of a status; for an unknown one it is good until the next call.

@@ -30,6 +30,17 @@ static void send_status(ubus_context *ctx, const ubus_request_data *req, int sta
     (void)ubus_send(ctx, ubus_type::status, req->seq, req->peer); // the next read tells of a lost connection
 }
 
+int ubus_send_reply(ubus_context *ctx, ubus_request_data *req, blob_attr *msg)
+{
+    const void *const data = msg != nullptr ? blob_data(msg) : nullptr;
+    const size_t size = msg != nullptr ? blob_len(msg) : 0;
+    if (blob_buf_init(&ctx->out, 0) != 0 || blob_put_u32(&ctx->out, UBUS_ATTR_OBJID, req->object) != 0 ||
+        blob_put(&ctx->out, UBUS_ATTR_DATA, data, size) != 0 ||
+        ubus_send(ctx, ubus_type::data, req->seq, req->peer) != 0)
+        return UBUS_STATUS_NO_DATA;
+    return UBUS_STATUS_OK;
+}
+
 // A call of what is not there is answered under no caller's number.
 static void invoke(ubus_context *ctx, const ubus_message *message)
 {
@@ -81,10 +92,12 @@ void ubus_queue_add(ubus_context *ctx, ubus_message *message)
         return;
     }
     ctx->queued += size;
-    if (ctx->queue == nullptr)
-        ctx->queue = message;
-    message->next = ctx->queue->next;
-    ctx->queue->next = message;
+    if (ctx->queue == nullptr) {
+        message->next = message;
+    } else {
+        message->next = ctx->queue->next;
+        ctx->queue->next = message;
+    }
     ctx->queue = message;
     ubus_queue_run(ctx);
 }

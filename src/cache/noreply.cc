@@ -1,6 +1,7 @@
 #include "cache/noreply.h"
 
 #include "core/dnsproxy_data.h"
+#include "core/log.h"
 #include "core/platform/mutex_guard.h"
 #include "core/platform/nms_event.h"
 
@@ -24,7 +25,10 @@ void dnsproxy_noreply_count()
 
 void dnsproxy_noreply_reset()
 {
-    const mutex_guard lock(&dnsproxy_data.noReplyLock);
-    dnsproxy_data.noReplyCount = 0;
-    dnsproxy_data.noReplyArmed = 1;
+    {
+        const mutex_guard lock(&dnsproxy_data.noReplyLock);
+        dnsproxy_data.noReplyCount = 0;
+        dnsproxy_data.noReplyArmed = 1;
+    }
+    DNSPROXY_LOG(TRACE, __func__, 0, "%s", "");
 }

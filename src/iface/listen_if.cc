@@ -105,9 +105,12 @@ dnsproxy_listen_if *dnsproxy_listen_if_findByname(const char *ifname)
         DNSPROXY_LOG(DEBUG, __func__, 0, "xxxxifname:%s,pIf->ifname_receive:%s", ifname, lif->ifname_receive);
         DNSPROXY_LOG(DEBUG, __func__, 0, "strlen (ifname):%d,strlen (ifname_receive):%d",
                      static_cast<int>(strlen(ifname)), static_cast<int>(strlen(lif->ifname_receive)));
-        if (strcmp(lif->ifname_receive, ifname) == 0)
+        if (strcmp(lif->ifname_receive, ifname) == 0) {
+            DNSPROXY_LOG(TRACE, __func__, 0, "%s", "");
             return lif;
+        }
     }
+    DNSPROXY_LOG(TRACE, __func__, DNSPROXY_ENOTFOUND, "%s", "");
     return nullptr;
 }
 
