@@ -141,8 +141,8 @@ void *blob_nest(blob_buf *buf, uint32_t kind, size_t size)
         return nullptr;
     const size_t outer = offset_of(buf, buf->head);
     buf->head = attr;
-    return reinterpret_cast<void *>(outer +
-                                    1); // NOLINT(performance-no-int-to-ptr): an offset, never followed
+    // An offset, never followed.
+    return reinterpret_cast<void *>(outer + 1); // NOLINT(performance-no-int-to-ptr)
 }
 
 void blob_nest_end(blob_buf *buf, void *cookie)
