@@ -143,10 +143,14 @@ bool reconnect()
     reconnecting = true;
     lost_again = false;
     const own_signals signals;
-    bool served = ubus_reconnect(dnsproxy_ctx, socket_path) == 0;
+    const bool connected = ubus_reconnect(dnsproxy_ctx, socket_path) == 0;
+    // The library has closed its socket but may keep the number, which can be another thread's descriptor by
+    // the next attempt. A connection that stands is closed by that attempt.
+    if (!connected)
+        dnsproxy_ctx->sock.fd = -1;
     // A registration that the bus refused is not reported, and the library forgets it.
-    if (served && !lost_again && dnsproxy_object.id == 0)
-        served = ubus_add_object(dnsproxy_ctx, &dnsproxy_object) == 0;
+    const bool served = connected && !lost_again &&
+                        (dnsproxy_object.id != 0 || ubus_add_object(dnsproxy_ctx, &dnsproxy_object) == 0);
     reconnecting = false;
     return served && !lost_again;
 }
@@ -167,9 +171,7 @@ void ubus_connection_lost(ubus_context *)
         listen_to_bus();
         return;
     }
-    // The library has closed its socket but may keep the number, which can be another thread's descriptor by
-    // the next attempt.
-    dnsproxy_ctx->sock.fd = -1;
+
     DNSPROXY_LOG(ERROR, __func__, 0, "failed to reconnect, trying again in %d seconds\n", reconnect_s);
     (void)uloop_timeout_set(&dnsproxy_reconnect_timer, reconnect_s * 1000);
 }
