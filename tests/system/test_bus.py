@@ -1,0 +1,528 @@
+"""The bus object: link states set and told, a bus that fails in every way, and two threads at work.
+
+The environment variable DNSPROXYD_SCALE multiplies the load of the last test; 10 makes it 20,000 calls against
+50,000 queries. A build with ThreadSanitizer ends at the first race.
+"""
+
+import contextlib
+import itertools
+import os
+import random
+import socket
+import struct
+import threading
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+from signal import SIGCHLD, SIGINT, SIGTERM
+
+import pipe_client as pipe
+import pytest
+from pipe_client import ADD, DEL, DONE, GET
+
+from lab import files, plan, wait
+from lab.broker import HOSTILE, Broker, Caller, Message, Status, encode
+from lab.daemon import Daemon
+
+BUS = "/var/run/ubus.sock"
+OBJECT = "dnsproxy"
+RULES = [{"name": "lan", "service_if": "LAN"}]
+SCALE = float(os.environ.get("DNSPROXYD_SCALE", "1"))
+
+GREETING = Message(type=0, seq=0, peer=0x01020304).pack()
+HEADER_SIZE = 8  # of a message, without the length of the rest
+
+
+@pytest.fixture(autouse=True)
+def races_are_failures(monkeypatch):
+    monkeypatch.setenv("TSAN_OPTIONS", os.environ.get("TSAN_OPTIONS", "halt_on_error=1"))
+
+
+@pytest.fixture
+def bus():
+    with Broker(BUS) as bus:
+        yield bus
+
+
+def one_server(*numbers: int) -> dict[str, list[str]]:
+    """These lines with one IPv4 server each, so that a query has one reply."""
+    return {name: addresses[:1] for name, addresses in files.resolv_of_lines(*numbers).items()}
+
+
+def update(device: str, status: str) -> dict[str, str]:
+    """The arguments of update_if."""
+    return {"name": "a line", "dev": device, "status": status}
+
+
+def state(bus: Broker | Caller) -> list[tuple[str, str]]:
+    """The lines and their states, in the order in which they are tried."""
+    status, reply = bus.call(OBJECT, "get_state")
+    assert status == Status.OK
+    assert all(list(table) == ["dev", "status"] for table in reply.values())
+    assert [table["dev"] for table in reply.values()] == list(reply)
+    return [(device, table["status"]) for device, table in reply.items()]
+
+
+def is_served(bus: Broker, devices: set[str]) -> bool:
+    """Whether the object answers; whatever has happened to it, no line was changed."""
+    return set(state(bus)) == {(device, "on") for device in devices}
+
+
+def come_back(bus: Broker) -> None:
+    """Hangs up on the daemon, unless it has hung up itself, and waits until it has registered again."""
+    before = len(bus.registered)
+    with contextlib.suppress(KeyError):
+        bus.drop(OBJECT)
+    wait.until(lambda: len(bus.registered) > before, "the object to be registered again")
+    bus.wait_for(OBJECT)
+
+
+@contextlib.contextmanager
+def meanwhile(turn):
+    """Another thread takes one turn after the other; what it raises, the test raises."""
+    end = threading.Event()
+
+    def take_turns() -> int:
+        for turns in itertools.count():
+            if end.is_set():
+                return turns
+            turn()
+
+    with ThreadPoolExecutor(1) as pool:
+        turns = pool.submit(take_turns)
+        try:
+            yield turns
+        finally:
+            end.set()
+    assert turns.result() > 0
+
+
+@contextlib.contextmanager
+def queries_flow(daemon, host, rate: int = 1000):
+    """The host asks all the time, and each query gets its own answer."""
+    runs = []
+    assert host.bulk(16).lost == 0  # opens the upstream sockets
+    with meanwhile(lambda: runs.append(host.bulk(rate // 5, rate=rate, outstanding=64, timeout=wait.PATIENCE))):
+        yield runs
+    assert daemon.dropped() == 0, "the load was too much for the sockets"
+    for run in runs:
+        assert (run.answered, run.duplicates, run.wrong_ident, run.wrong_question) == (run.sent, 0, 0, 0)
+
+
+@contextlib.contextmanager
+def listening():
+    """The test itself is the bus, in place of one that may be there."""
+    with contextlib.suppress(FileNotFoundError):
+        os.unlink(BUS)
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+        listener.bind(BUS)
+        listener.listen()
+        listener.settimeout(wait.PATIENCE)
+        yield listener
+    os.unlink(BUS)
+
+
+@contextlib.contextmanager
+def accepted(listener: socket.socket, said: bytes = b""):
+    """The daemon's next connection, on which the bus has said something."""
+    connection, _ = listener.accept()
+    with connection:
+        connection.settimeout(wait.PATIENCE)
+        connection.sendall(said)
+        yield connection
+
+
+# update_if, the devices by which the next queries leave, one list each, and the lines then
+STEPS = [
+    (None, [["wan1"]], "wan2:on pt-vpn0:on wan1:on"),
+    (("wan2", "off"), [["pt-vpn0"], ["wan1"]], "wan2:off pt-vpn0:on wan1:on"),
+    (("wan2", "on"), [["wan2"]], "pt-vpn0:on wan1:on wan2:on"),
+    (("wan2", "down"), [["pt-vpn0"], ["wan1"]], "wan2:off pt-vpn0:on wan1:on"),
+    (("wan1", ""), [["pt-vpn0"], ["pt-vpn0"]], "wan2:off wan1:off pt-vpn0:on"),
+    # Without any line that is up all are asked, in their order, which stays.
+    (("pt-vpn0", "ON"), [["wan2", "wan1", "pt-vpn0"]] * 2, "wan2:off wan1:off pt-vpn0:off"),
+    (("wan1", "on"), [["wan1"], ["wan1"]], "wan2:off pt-vpn0:off wan1:on"),
+    (("wan1", " on"), [["wan2", "pt-vpn0", "wan1"]], "wan2:off pt-vpn0:off wan1:off"),
+    (("pt-vpn0", "on"), [["pt-vpn0"]], "wan2:off wan1:off pt-vpn0:on"),
+    (("wan1", "on"), [["wan1"]], "wan2:off pt-vpn0:on wan1:on"),
+    (("pt-vpn0", "on\n"), [["wan1"]], "wan2:off pt-vpn0:off wan1:on"),
+    (("wan2", "on"), [["wan2"], ["wan1"]], "pt-vpn0:off wan2:on wan1:on"),
+]
+
+
+def test_the_very_next_query_follows_an_update(bus, start, upstreams, departures, client):
+    daemon = start(RULES, one_server(1, 2, 9))
+    bus.wait_for(OBJECT)
+    host = client("h1")
+
+    def asked() -> list[str]:
+        departures.clear()
+        assert host.ask() is not None
+        daemon.settle()
+        return [packet.device for packet in departures.catch_up()]
+
+    for row, (arguments, queries, lines) in enumerate(STEPS):
+        if arguments is not None:
+            assert bus.call(OBJECT, "update_if", update(*arguments)) == (Status.OK, {})
+        assert [asked() for _ in queries] == queries, f"row {row}"
+        assert " ".join(f"{device}:{status}" for device, status in state(bus)) == lines, f"row {row}"
+
+
+def test_no_lines(bus, start):
+    start(RULES, {})
+    bus.wait_for(OBJECT)
+    assert state(bus) == []
+    assert bus.call(OBJECT, "update_if", update("wan1", "off")) == (Status.OK, {})
+
+
+WHOLE = update("wan1", "off")
+INVALID = {
+    "nothing": {},
+    **{f"no {field}": {key: value for key, value in WHOLE.items() if key != field} for field in WHOLE},
+    **{f"{field} as {type(wrong)}": WHOLE | {field: wrong}
+       for field in WHOLE for wrong in (1, 1 << 40, True, 0.5, None, ["off"], {"off": "off"})},
+    "another case": {"Name": "a line", "DEV": "wan1", "status": "off"},
+}  # fmt: skip
+WITHOUT_EFFECT = {
+    "unknown device": update("wan3", "off"),
+    "no device": update("", "off"),
+    "longer name": update("wan1" + "x" * 100, "off"),
+    "longest fields": {"name": "x" * 60000, "dev": "y" * 60000, "status": "z" * 60000},
+}
+
+
+def test_calls_that_change_nothing(bus, start):
+    start(RULES, one_server(1, 2))
+    bus.wait_for(OBJECT)
+    lines = [("wan1", "on"), ("wan2", "on")]
+    for expected, rows in ((Status.INVALID_ARGUMENT, INVALID), (Status.OK, WITHOUT_EFFECT)):
+        for what, arguments in rows.items():
+            assert bus.call(OBJECT, "update_if", arguments) == (expected, {}), what
+            assert state(bus) == lines, what
+    for method in ("update", "update_if2", "UPDATE_IF", ""):
+        assert bus.call(OBJECT, method, WHOLE) == (Status.METHOD_NOT_FOUND, {}), method
+    assert state(bus) == lines
+    assert bus.call(OBJECT, "update_if", WHOLE | {"more": 1}) == (Status.OK, {})
+    assert state(bus) == [("wan1", "off"), ("wan2", "on")]
+
+
+def test_an_unknown_device_leaves_it_unsaid_that_all_lines_are_down(bus, start, upstreams, departures, client):
+    """A line that is removed does not count anew whether any is up; the next update of a line does."""
+    daemon = start(RULES, one_server(1, 2))
+    bus.wait_for(OBJECT)
+    host = client("h1")
+
+    def leaves() -> bool:
+        departures.clear()
+        host.send(b"\0\1" + os.urandom(30))
+        daemon.settle()
+        return len(departures.catch_up()) > 0
+
+    assert bus.call(OBJECT, "update_if", update("wan2", "off"))[0] == Status.OK
+    assert pipe.exchange(pipe.Message(DEL, ifname=b"WAN1")).message.result == DONE
+    assert not leaves()
+    assert bus.call(OBJECT, "update_if", update("wan1", "off"))[0] == Status.OK
+    assert not leaves(), "of a device that is unknown"
+    assert bus.call(OBJECT, "update_if", update("wan2", "off"))[0] == Status.OK
+    assert leaves()
+
+
+def test_without_a_bus(start, upstreams, client, family):
+    daemon = start(RULES, files.resolv_of_lines(1, 2))
+    wait.until(lambda: daemon.threads() == 1, "the bus thread to end")
+    assert client("h1", family).bulk(200, outstanding=16).answered == 200
+    reply = pipe.exchange(pipe.Message(GET, ifname=b"WAN1")).message
+    assert (reply.result, pipe.slot_text(reply.dns)) == (DONE, plan.LINES[1].addresses[0])
+
+
+NO_GREETING = {
+    "hung up": b"",
+    "one byte": b"\0",
+    "truncated": GREETING[:HEADER_SIZE],
+    "oversized": GREETING[:HEADER_SIZE] + b"\x00\xff\xff\xff" + bytes(1000),
+    "shorter than its length": GREETING[:HEADER_SIZE] + b"\0\0\0\0",
+    "another message": Message(type=1, seq=0, peer=7).pack(),
+    "random": b"\xff" + os.urandom(4096),
+}
+
+
+@pytest.mark.parametrize("said", NO_GREETING.values(), ids=NO_GREETING)
+def test_a_first_connection_that_fails_is_the_last(start, upstreams, client, said):
+    with listening() as listener:
+        daemon = start(RULES, one_server(1))
+        with accepted(listener, said):
+            pass
+        wait.until(lambda: daemon.threads() == 1, "the bus thread to end")
+        assert client("h1").ask() is not None
+
+
+@pytest.mark.parametrize("said", [b"", *(make(1) for make in HOSTILE.values())], ids=["hung up", *HOSTILE])
+def test_nonsense_in_answer_to_the_first_registration(start, upstreams, client, said):
+    with listening() as listener:
+        daemon = start(RULES, one_server(1))
+        with accepted(listener, GREETING) as connection:
+            assert connection.recv(1), "the registration"
+            with contextlib.suppress(ConnectionError):  # it may hang up before the end
+                connection.sendall(said)
+        assert client("h1").ask() is not None
+    # With the bus gone there is nothing to connect to again.
+    wait.until(lambda: daemon.threads() == 1, "the bus thread to end")
+    assert client("h1").ask() is not None
+
+
+def test_a_first_registration_that_is_refused(bus, start, upstreams, client):
+    bus.refused.add(OBJECT)
+    daemon = start(RULES, one_server(1))
+    wait.until(lambda: daemon.threads() == 1, "the bus thread to end")
+    assert client("h1").ask() is not None
+
+
+@pytest.mark.parametrize("kind", HOSTILE)
+def test_a_hostile_bus(bus, start, upstreams, client, kind):
+    daemon = start(RULES, one_server(1, 2))
+    bus.wait_for(OBJECT)
+    with queries_flow(daemon, client("h1")):
+        for _ in range(20):
+            before = len(bus.registered)
+            bus.attack(kind, OBJECT)
+            if kind in ("misaligned", "wrong_length", "nested"):  # whole messages, of which nothing follows
+                assert is_served(bus, {"wan1", "wan2"})
+                assert len(bus.registered) == before
+            come_back(bus)
+            assert is_served(bus, {"wan1", "wan2"})
+
+
+def test_a_bus_that_dies_again_and_again(bus, start, upstreams, client):
+    """The daemon tries again every two seconds."""
+    restarts = 20
+    daemon = start(RULES, one_server(1, 2))
+    bus.wait_for(OBJECT)
+    with queries_flow(daemon, client("h1")):
+        descriptors = len(daemon.fds())
+        for _ in range(restarts):
+            bus.restart()
+            bus.wait_for(OBJECT)
+            assert is_served(bus, {"wan1", "wan2"})
+        assert len(daemon.fds()) == descriptors
+    assert bus.registered == [OBJECT] * (1 + restarts)
+
+
+def hang_up(_connection: socket.socket) -> None:
+    pass
+
+
+def talk_nonsense(connection: socket.socket) -> None:
+    connection.sendall(os.urandom(4096))
+
+
+def end_in_registration(connection: socket.socket) -> None:
+    connection.sendall(GREETING)
+    assert connection.recv(1)
+
+
+def refuse_registration(connection: socket.socket) -> None:
+    """Answers with status 2."""
+    connection.sendall(GREETING)
+    seq = int.from_bytes(connection.recv(4096)[2:4], "big")
+    connection.sendall(Message(type=1, seq=seq, peer=0, content=b"\1\0\0\x08\0\0\0\2").pack())
+
+
+def bus_sockets(daemon) -> dict[int, str]:
+    """The daemon's connections to the bus, by descriptor."""
+    with open("/proc/net/unix", encoding="ascii") as table:
+        inodes = {f"socket:[{line.split()[6]}]" for line in table.readlines()[1:]}
+    return {fd: link for fd, link in daemon.fds().items() if link in inodes}
+
+
+def test_failing_reconnects_leave_other_descriptors_alone(bus, start, upstreams, client):
+    """Between two attempts an upstream socket gets the number of the connection that has failed."""
+    daemon = start(RULES, one_server(1))
+    bus.wait_for(OBJECT)
+    host = client("h1")
+    assert host.ask() is not None
+    at_first = daemon.fds()
+    (number,) = bus_sockets(daemon)
+    others = {}
+    add = pipe.Message(ADD, ifname=b"WAN2", dns_flag=1, dns2_flag=1, dns=pipe.slot(plan.LINES[2].addresses[0]))
+    remove = pipe.Message(DEL, ifname=b"WAN2")
+
+    with listening() as listener:
+        bus.drop(OBJECT)
+        for failure in (hang_up, talk_nonsense, end_in_registration, refuse_registration, hang_up):
+            with accepted(listener) as connection:
+                assert len(bus_sockets(daemon)) == 1, "the connections of before are closed"
+                assert daemon.fds().items() >= others.items()
+                failure(connection)
+                assert host.ask() is not None
+            if others:
+                assert pipe.exchange(remove).message.result == DONE
+            if failure in (hang_up, talk_nonsense):  # without a greeting it is closed at once
+                wait.until(lambda: number not in bus_sockets(daemon), "the connection to be closed")
+            assert pipe.exchange(add).message.result == DONE
+            for _ in range(2):
+                assert host.ask() is not None
+            mine = bus_sockets(daemon)
+            others = {fd: link for fd, link in daemon.fds().items() if fd not in mine}
+            if failure in (hang_up, talk_nonsense):
+                assert number in others
+    bus.restart()
+    bus.wait_for(OBJECT)
+    assert pipe.exchange(remove).message.result == DONE
+    assert is_served(bus, {"wan1"})
+    assert len(daemon.fds()) == len(at_first)
+
+
+@contextlib.contextmanager
+def serving():
+    with Broker(BUS) as bus, Daemon() as daemon:
+        bus.wait_for(OBJECT)
+        yield daemon
+
+
+@contextlib.contextmanager
+def no_greeting_yet():
+    with listening() as listener, Daemon() as daemon, accepted(listener):
+        yield daemon
+
+
+@contextlib.contextmanager
+def no_answer_to_the_registration_yet():
+    with listening() as listener, Daemon() as daemon, accepted(listener, GREETING) as connection:
+        assert connection.recv(1)
+        yield daemon
+
+
+@contextlib.contextmanager
+def bus_gone():
+    with Broker(BUS) as bus, Daemon() as daemon:
+        bus.wait_for(OBJECT)
+        bus.stop()
+        wait.until(lambda: not bus_sockets(daemon), "the daemon to wait for its next attempt")
+        yield daemon
+
+
+@contextlib.contextmanager
+def silent_when_reconnecting(said: bytes = b""):
+    with Broker(BUS) as bus, Daemon() as daemon:
+        bus.wait_for(OBJECT)
+        with listening() as listener:
+            bus.drop(OBJECT)
+            with accepted(listener, said) as connection:
+                if said:
+                    assert connection.recv(1)
+                yield daemon
+
+
+def silent_when_registering_again():
+    return silent_when_reconnecting(GREETING)
+
+
+MOMENTS = [
+    serving,
+    no_greeting_yet,
+    no_answer_to_the_registration_yet,
+    bus_gone,
+    silent_when_reconnecting,
+    silent_when_registering_again,
+]
+
+
+@pytest.mark.parametrize("number", [SIGTERM, SIGINT], ids=lambda number: number.name)
+@pytest.mark.parametrize("moment", MOMENTS, ids=lambda moment: moment.__name__)
+def test_one_signal_ends_the_daemon(lab, upstreams, client, moment, number):
+    files.write_rules(RULES)
+    files.write_resolv(one_server(1, 2))
+    with moment() as daemon:
+        run = client("h1").bulk(100, outstanding=16)
+        assert (run.answered, run.duplicates) == (100, 0)
+        assert daemon.stop(number) == -number, daemon.output()
+
+
+def caught_signals(daemon) -> set[int]:
+    """Those for which it has a handler."""
+    status = Path(f"/proc/{daemon.pid}/status").read_text(encoding="ascii")
+    caught = int(status.partition("SigCgt:")[2].split()[0], 16)
+    return {number for number in (SIGINT, SIGTERM, SIGCHLD) if caught >> (number - 1) & 1}
+
+
+def test_the_bus_library_keeps_no_signal(bus, start):
+    """Neither those that end the daemon nor the one by which it would take the ends of mapping commands."""
+    daemon = start(RULES, one_server(1))
+    for _ in range(3):
+        bus.wait_for(OBJECT)
+        assert is_served(bus, {"wan1"})
+        assert caught_signals(daemon) == set()
+        come_back(bus)
+
+
+def test_mapping_commands_are_right_while_the_bus_is_used(bus, start):
+    start(RULES, files.resolv_of_lines(1, 2, 3))
+    bus.wait_for(OBJECT)
+
+    def use_bus() -> None:
+        for status in ("off", "on"):
+            assert bus.call(OBJECT, "update_if", update("wan1", status))[0] == Status.OK
+            assert len(state(bus)) == 3
+        come_back(bus)
+
+    with meanwhile(use_bus):
+        for number in itertools.islice(itertools.cycle((1, 2, 3)), 100):
+            reply = pipe.exchange(pipe.Message(GET, ifname=f"WAN{number}".encode())).message
+            found = (reply.result, pipe.slot_text(reply.dns), pipe.slot_text(reply.dns2))
+            assert found == (DONE, *plan.LINES[number].addresses[:2])
+
+
+def attribute(ident: int, content: bytes) -> bytes:
+    return struct.pack("!I", ident << 24 | len(content) + 4) + content + bytes(-len(content) % 4)
+
+
+def test_the_last_line_goes_down_while_queries_flow(bus, start, upstreams, client):
+    """A query finds a line that is up, or is sent to all: never to none."""
+    queries = round(15000 * SCALE)
+    daemon = start(RULES, one_server(1))
+    bus.wait_for(OBJECT)
+    with Caller(BUS) as caller:
+        called = attribute(3, struct.pack("!I", caller.lookup(OBJECT)[OBJECT])) + attribute(4, b"update_if\0")
+    updates = b""
+    for status in ("on", "off") * 20:
+        content = called + attribute(7, encode(update("wan1", status)))
+        updates += Message(type=5, seq=1, peer=1, content=content).pack()
+    host = client("h1")
+    with meanwhile(lambda: (bus.send(OBJECT, updates), bus.call(OBJECT, "get_state"))):
+        run = host.bulk(queries, outstanding=64, ports=16)
+    assert daemon.dropped() == 0
+    assert (run.answered, run.duplicates) == (queries, 0)
+
+
+def test_calls_queries_and_changes_at_once(bus, start, upstreams, client):
+    calls, queries = round(2000 * SCALE), round(5000 * SCALE)
+    daemon = start(RULES, one_server(1, 2, 9))
+    bus.wait_for(OBJECT)
+    chance = random.Random(1)
+    lines = {"wan1": "on", "wan2": "on"}
+
+    # A line without IPv4 servers: it comes and goes among the others, and no query gets lost with it.
+    add = pipe.Message(ADD, ifname=b"WAN3", dns_flag=1, dns2_flag=1, no_v4=1, dns6=pipe.server6("2001:db8::1"))
+    remove = pipe.Message(DEL, ifname=b"WAN3")
+
+    def change() -> None:
+        for request in (add, remove):
+            assert pipe.exchange(request).message.result == DONE
+
+    def call_twice(caller: Caller) -> None:
+        """No line is ever missing from the list, however the main thread moves them."""
+        device, status = chance.choice([*lines, "wan3"]), chance.choice(["on", "off"])
+        assert caller.call(OBJECT, "update_if", update(device, status)) == (Status.OK, {})
+        if device in lines:
+            lines[device] = status
+        told = dict(state(caller))
+        told.pop("wan3", None)
+        assert told == lines | {"pt-vpn0": "on"}
+
+    with Caller(BUS) as caller, queries_flow(daemon, client("h1"), rate=4000) as runs, meanwhile(change):
+        before = daemon.fds()
+        called = 0
+        while called < calls or sum(run.sent for run in runs) < queries:
+            call_twice(caller)
+            called += 2
+    daemon.settle()
+    assert daemon.fds().keys() == before.keys()

@@ -1,0 +1,25 @@
+// Prints what the daemon answered to standard output: in columns for people, or as one JSON document on a
+// line of its own. An empty server slot is "-" in columns and null in JSON.
+#ifndef TOOLS_ANSWER_H
+#define TOOLS_ANSWER_H
+
+#include <dnsproxy/client.h>
+
+// The list after a reply to op 7 or 8, which belongs to the caller; null when it is empty.
+void *trailing_data(const dnsproxy_public_msg *reply);
+
+enum class format { columns, json };
+
+// The servers of one interface (op 1).
+void show_servers(const dnsproxy_public_msg *reply, format form);
+
+// All IPv4 servers (op 7).
+void show_addresses(const dnsproxy_public_msg *reply, format form);
+
+// All interfaces with their IPv4 servers (op 8).
+void show_interfaces(const dnsproxy_public_msg *reply, format form);
+
+// A change that was made: nothing in columns, {"result":0} in JSON.
+void show_change(const dnsproxy_public_msg *reply, format form);
+
+#endif
