@@ -131,7 +131,7 @@ class Lab:
         ]
 
     def host_create(self, name: str, device: str) -> None:
-        """Makes a local device, under any name, with a host behind it that has none: `p1` after `ppp0` went."""
+        """Makes a local device, under any name, for a host without one: `p1` after `ppp0` went."""
         host = HOSTS[name]
         netns.ip_batch(
             [

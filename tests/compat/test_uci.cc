@@ -140,14 +140,14 @@ protected:
 TEST_F(uci, recorded_files)
 {
     int files = 0;
-    for (const auto &entry : fs::directory_iterator(TEST_DATA_DIR)) {
+    for (const auto &entry : fs::directory_iterator(TEST_DATA_DIR "/uci")) {
         fs::path path = entry.path();
         if (path.extension() != ".conf")
             continue;
         ++files;
         EXPECT_EQ(outcome(slurp(path)), slurp(fs::path(path).replace_extension(".expect"))) << path;
     }
-    EXPECT_GT(files, 0) << TEST_DATA_DIR;
+    EXPECT_GT(files, 0) << TEST_DATA_DIR "/uci";
 }
 
 TEST_F(uci, statements)

@@ -92,7 +92,7 @@ def test_children_inherit_no_descriptor(lab, upstreams, client):
         f"zone_get_effect_devices() {{ ls /proc/self/fd >>{seen}; echo br-lan; }}\n",
     )
     with Daemon() as daemon:
-        # Rules and resolver file: three names in one, the first section of the other and its repetition.
+        # Three names of the rules and two sections of the resolver file have been mapped.
         listings = seen.read_text(encoding="ascii").split("0\n1\n2\n")
         assert len(listings) == 6 and set(listings[1:]) == {"3\n"}, "3 is what ls lists"
 
