@@ -14,21 +14,29 @@ namespace {
 constexpr int32_t default_buckets = 256;
 constexpr uint32_t smallest_capacity = 4;
 
-// Header of a bucket's one block of memory; `capacity` record pointers follow, then as many hashes. Both
-// arrays are in the order of addition. The capacity is a multiple of 4.
+// Header of a bucket's one block of memory; `capacity` hashes follow, which a look-up reads first, then as
+// many record pointers. Both arrays are in the order of addition and hold [first, end): records mostly leave
+// in the order in which they came, and then nothing is moved. The capacity is a multiple of 4.
 struct bucket {
-    uint32_t count;
+    uint32_t first;
+    uint32_t end;
     uint32_t capacity;
+    uint32_t unused; // keeps the record pointers aligned
 };
-
-void **records_of(bucket *b)
-{
-    return reinterpret_cast<void **>(b + 1);
-}
 
 uint32_t *hashes_of(bucket *b)
 {
-    return reinterpret_cast<uint32_t *>(records_of(b) + b->capacity);
+    return reinterpret_cast<uint32_t *>(b + 1);
+}
+
+void **records_of(bucket *b)
+{
+    return reinterpret_cast<void **>(hashes_of(b) + b->capacity);
+}
+
+uint32_t count_of(const bucket *b)
+{
+    return b->end - b->first;
 }
 
 uint32_t grown(uint32_t capacity)
@@ -43,21 +51,44 @@ int resize(bucket **slot, uint32_t capacity)
     auto *b = static_cast<bucket *>(malloc(sizeof(bucket) + capacity * (sizeof(void *) + sizeof(uint32_t))));
     if (b == nullptr)
         return -1;
-    b->count = 0;
-    b->capacity = capacity;
+    *b = {.first = 0, .end = 0, .capacity = capacity, .unused = 0};
     if (old != nullptr) {
-        b->count = old->count;
-        memcpy(records_of(b), records_of(old), old->count * sizeof(void *));
-        memcpy(hashes_of(b), hashes_of(old), old->count * sizeof(uint32_t));
+        b->end = count_of(old);
+        memcpy(hashes_of(b), hashes_of(old) + old->first, b->end * sizeof(uint32_t));
+        memcpy(records_of(b), records_of(old) + old->first, b->end * sizeof(void *));
         free(old);
     }
     *slot = b;
     return 0;
 }
 
-template <class T> void close_gap(T *array, uint32_t at, uint32_t count)
+template <class T> void move(T *array, uint32_t to, uint32_t from, uint32_t end)
 {
-    memmove(array + at, array + at + 1, (count - at - 1) * sizeof(T));
+    memmove(array + to, array + from, (end - from) * sizeof(T));
+}
+
+// Moves the entries [from, end) down to `to`.
+void move_down(bucket *b, uint32_t to, uint32_t from)
+{
+    move(hashes_of(b), to, from, b->end);
+    move(records_of(b), to, from, b->end);
+    b->end -= from - to;
+}
+
+// Makes room for one more at the end; 0, or -1 without memory. A bucket is moved down only if that frees a
+// quarter of it, so that an addition costs the same however many records the bucket holds.
+int make_room(bucket **slot)
+{
+    bucket *b = *slot;
+    if (b == nullptr)
+        return resize(slot, smallest_capacity);
+    if (b->end < b->capacity)
+        return 0;
+    if (b->first < b->capacity / 4)
+        return resize(slot, grown(b->capacity));
+    move_down(b, 0, b->first);
+    b->first = 0;
+    return 0;
 }
 
 uint32_t draw_secret()
@@ -125,15 +156,12 @@ int ipcom_hash_add(ipcom_hash *table, void *record)
 {
     const uint32_t hash = table->obj(record);
     bucket **slot = bucket_slot(table, hash);
-    const bucket *b = *slot;
-    if (b == nullptr || b->count == b->capacity) {
-        if (resize(slot, b == nullptr ? smallest_capacity : grown(b->capacity)) != 0)
-            return -1;
-    }
-    bucket *room = *slot;
-    records_of(room)[room->count] = record;
-    hashes_of(room)[room->count] = hash;
-    room->count++;
+    if (make_room(slot) != 0)
+        return -1;
+    bucket *b = *slot;
+    hashes_of(b)[b->end] = hash;
+    records_of(b)[b->end] = record;
+    b->end++;
     return 0;
 }
 
@@ -144,7 +172,7 @@ void *ipcom_hash_get(ipcom_hash *table, const void *key)
     if (b == nullptr)
         return nullptr;
     const uint32_t *hashes = hashes_of(b);
-    for (uint32_t i = b->count; i-- > 0;) {
+    for (uint32_t i = b->end; i-- > b->first;) {
         if (hashes[i] == hash && table->cmp(records_of(b)[i], key) != 0)
             return records_of(b)[i];
     }
@@ -158,18 +186,20 @@ int ipcom_hash_remove(ipcom_hash *table, void *record)
     bucket *b = *slot;
     if (b == nullptr)
         return -1;
-    // Oldest first: records mostly leave in the order in which they came.
-    uint32_t at = 0;
-    while (at < b->count && (hashes_of(b)[at] != hash || records_of(b)[at] != record))
+    uint32_t at = b->first;
+    while (at < b->end && (hashes_of(b)[at] != hash || records_of(b)[at] != record))
         at++;
-    if (at == b->count)
+    if (at == b->end)
         return -1;
-    close_gap(records_of(b), at, b->count);
-    close_gap(hashes_of(b), at, b->count);
-    b->count--;
+    if (at == b->first)
+        b->first++;
+    else
+        move_down(b, at, at + 1);
+    if (b->first == b->end)
+        b->first = b->end = 0;
     // Memory that a flood took goes back: a large bucket shrinks when three quarters of it are empty. A
     // failure to get the smaller block only keeps the larger one.
-    if (b->capacity > 2 * smallest_capacity && b->count < b->capacity / 4)
+    if (b->capacity > 2 * smallest_capacity && count_of(b) < b->capacity / 4)
         (void)resize(slot, b->capacity / 8 * 4);
     return 0;
 }
@@ -177,13 +207,13 @@ int ipcom_hash_remove(ipcom_hash *table, void *record)
 void ipcom_hash_for_each(ipcom_hash *table, ipcom_hash_each_fn each, void *data)
 {
     for (uint32_t slot = 0; slot < table->size; slot++) {
-        // From the end, and looking at the bucket anew each time: a removal by the callback moves only what
-        // was visited already, and may give the bucket another block.
+        // From the end, counting what is left and looking at the bucket anew each time: a removal by the
+        // callback moves only what was visited already, and may give the bucket another block.
         bucket **b = &all_buckets(table)[slot];
-        uint32_t left = *b == nullptr ? 0 : (*b)->count;
+        uint32_t left = *b == nullptr ? 0 : count_of(*b);
         while (left > 0) {
             left--;
-            each(records_of(*b)[left], data);
+            each(records_of(*b)[(*b)->first + left], data);
         }
     }
 }
