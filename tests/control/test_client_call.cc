@@ -172,13 +172,20 @@ dnsproxy_public_msg filled(uint32_t op)
     return msg;
 }
 
-// What the caller's message must be after a failure: only the name of the reply pipe is new.
-void expect_untouched(const dnsproxy_public_msg &after, uint32_t op)
+// Makes the call, which must fail and leave of the message all but the name of the reply pipe.
+void expect_failure(uint32_t op, int status)
 {
-    dnsproxy_public_msg expected = filled(op);
-    ASSERT_EQ(strncmp(after.pipeName, "dnsp_", 5), 0);
-    memcpy(expected.pipeName, after.pipeName, strlen(after.pipeName) + 1);
-    EXPECT_EQ(memcmp(&after, &expected, sizeof after), 0);
+    dnsproxy_public_msg msg = filled(op), expected = msg;
+    EXPECT_EQ(dnsproxy_public_dnsServer(&msg), status);
+    if (strncmp(msg.pipeName, "dnsp_", 5) == 0)
+        memcpy(expected.pipeName, msg.pipeName, strlen(msg.pipeName) + 1);
+    EXPECT_EQ(bytes(msg), bytes(expected));
+}
+
+messages done(dnsproxy_public_msg msg)
+{
+    msg.result = 0;
+    return {bytes(msg)};
 }
 
 class client_call : public testing::Test {
@@ -204,76 +211,49 @@ private:
 
 TEST_F(client_call, without_daemon_fails_at_once)
 {
-    dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GETIFS);
-    const std::string before = bytes(msg);
-    int fd = 77;
-    EXPECT_EQ(dnsproxy_public_dnsServer(&msg), DNSPROXY_ERESOURCE);
-    EXPECT_EQ(dnsproxy_public_pipeOpen(&fd), DNSPROXY_ERESOURCE);
-    EXPECT_EQ(fd, -1);
-
-    // What a killed daemon leaves behind.
-    ASSERT_TRUE(fs::create_directory(folder));
-    ASSERT_EQ(mkfifo((folder / request_name).c_str(), 0600), 0);
-    fd = 77;
-    EXPECT_EQ(dnsproxy_public_dnsServer(&msg), DNSPROXY_ERESOURCE);
-    EXPECT_EQ(dnsproxy_public_pipeOpen(&fd), DNSPROXY_ERESOURCE);
-    EXPECT_EQ(fd, -1);
-    EXPECT_EQ(bytes(msg), before);
+    for (const bool killed : {false, true}) { // whose pipe is left behind
+        if (killed) {
+            ASSERT_TRUE(fs::create_directory(folder));
+            ASSERT_EQ(mkfifo((folder / request_name).c_str(), 0600), 0);
+        }
+        int fd = 77;
+        expect_failure(DNSPROXY_DNS_SERVER_GETIFS, DNSPROXY_ERESOURCE);
+        EXPECT_EQ(dnsproxy_public_pipeOpen(&fd), DNSPROXY_ERESOURCE);
+        EXPECT_EQ(fd, -1);
+    }
     EXPECT_EQ(longest_wait_ms, 0);
-}
-
-TEST_F(client_call, null_arguments_are_refused)
-{
     EXPECT_EQ(dnsproxy_public_dnsServer(nullptr), DNSPROXY_EINVALID);
     EXPECT_EQ(dnsproxy_public_pipeOpen(nullptr), DNSPROXY_EINVALID);
     EXPECT_EQ(dnsproxy_public_getDnsServerAll(), 0);
 }
 
-TEST_F(client_call, opens_the_request_pipe)
+TEST_F(client_call, stores_the_reply)
 {
-    const fake_daemon daemon([](const dnsproxy_public_msg &) { return messages{}; });
+    const fake_daemon daemon([](dnsproxy_public_msg msg) {
+        msg.dataLen = 16; // but a list follows list operations only
+        msg.dns = 11;
+        msg.result = 3;
+        return messages{bytes(msg)};
+    });
+    dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GET), expected = msg;
+    EXPECT_EQ(dnsproxy_public_dnsServer(&msg), 3);
+    memcpy(expected.pipeName, msg.pipeName, sizeof msg.pipeName);
+    expected.dataLen = 16;
+    expected.dns = 11;
+    expected.result = 3;
+    EXPECT_EQ(bytes(msg), bytes(expected));
+    EXPECT_GT(longest_wait_ms, full_wait_ms - 1000);
+
     int fd = -1;
     EXPECT_EQ(dnsproxy_public_pipeOpen(&fd), 0);
     EXPECT_GE(fd, 0);
     close(fd);
 }
 
-TEST_F(client_call, stores_the_reply)
-{
-    const fake_daemon daemon([](dnsproxy_public_msg msg) {
-        msg.dns = 11;
-        msg.result = 3;
-        return messages{bytes(msg)};
-    });
-    dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GET);
-    EXPECT_EQ(dnsproxy_public_dnsServer(&msg), 3);
-    dnsproxy_public_msg expected = filled(DNSPROXY_DNS_SERVER_GET);
-    memcpy(expected.pipeName, msg.pipeName, sizeof msg.pipeName);
-    expected.dns = 11;
-    expected.result = 3;
-    EXPECT_EQ(bytes(msg), bytes(expected));
-    EXPECT_GT(longest_wait_ms, full_wait_ms - 1000);
-}
-
-TEST_F(client_call, refusal_leaves_the_message_as_it_was)
-{
-    const fake_daemon daemon([](dnsproxy_public_msg msg) {
-        msg.dns = 11;
-        msg.count = msg.dataLen = 16;
-        msg.result = DNSPROXY_EINVALID;
-        return messages{bytes(msg), std::string(16, 'x')};
-    });
-    for (const uint32_t op : {DNSPROXY_DNS_SERVER_GETALL, DNSPROXY_DNS_SERVER_GETIFS}) {
-        dnsproxy_public_msg msg = filled(op);
-        EXPECT_EQ(dnsproxy_public_dnsServer(&msg), DNSPROXY_EINVALID);
-        expect_untouched(msg, op);
-    }
-}
-
 TEST_F(client_call, list_of_any_length_arrives_whole)
 {
     for (const uint32_t op : {DNSPROXY_DNS_SERVER_GETADDRS, DNSPROXY_DNS_SERVER_GETIFS}) {
-        for (const size_t length : {0, 1, 32, 4095, 4096, 4097, 8192, 40000}) {
+        for (const size_t length : {0, 1, 4095, 4096, 4097, 40000}) {
             std::string list(length, '\0');
             for (size_t i = 0; i < length; i++)
                 list[i] = static_cast<char>(i * 7 / 5);
@@ -281,8 +261,7 @@ TEST_F(client_call, list_of_any_length_arrives_whole)
                 msg.count = 5;
                 msg.dataLen = length;
                 msg.data = 0xdead;
-                msg.result = 0;
-                return messages{bytes(msg), list};
+                return messages{done(msg)[0], list};
             });
             dnsproxy_public_msg msg = filled(op);
             ASSERT_EQ(dnsproxy_public_dnsServer(&msg), 0) << length;
@@ -296,56 +275,38 @@ TEST_F(client_call, list_of_any_length_arrives_whole)
     }
 }
 
-TEST_F(client_call, only_list_operations_read_a_list)
-{
-    const fake_daemon daemon([](dnsproxy_public_msg msg) {
-        msg.dataLen = 16;
-        msg.result = 0;
-        return messages{bytes(msg)};
-    });
-    dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GET);
-    EXPECT_EQ(dnsproxy_public_dnsServer(&msg), 0);
-}
-
 TEST_F(client_call, bad_reply_leaves_the_message_as_it_was)
 {
     static const struct {
         const char *what;
         uint64_t length;  // that the reply tells
         messages replies; // "" stands for the reply itself
-        int result;
+        int result = DNSPROXY_ERESOURCE, told = 0;
     } rows[] = {
-        {"nothing", 0, {}, DNSPROXY_ERESOURCE},
-        {"short", 0, {std::string(239, 0)}, DNSPROXY_ERESOURCE},
-        {"one byte too long", 0, {std::string(241, 0)}, DNSPROXY_ERESOURCE},
-        {"longest message", 0, {std::string(4096, 0)}, DNSPROXY_ERESOURCE},
-        {"no list", 32, {""}, DNSPROXY_ERESOURCE},
-        {"short list", 32, {"", std::string(31, 'x')}, DNSPROXY_ERESOURCE},
-        {"long list", 32, {"", std::string(33, 'x')}, DNSPROXY_ERESOURCE},
-        {"list without its second part", 5000, {"", std::string(4096, 'x')}, DNSPROXY_ERESOURCE},
-        {"list in other parts",
-         5000,
-         {"", std::string(2500, 'x'), std::string(2500, 'x')},
-         DNSPROXY_ERESOURCE},
+        {"nothing", 0, {}},
+        {"short", 0, {std::string(239, 0)}},
+        {"one byte too long", 0, {std::string(241, 0)}},
+        {"longest message", 0, {std::string(4096, 0)}},
+        {"refusal with a list", 16, {"", std::string(16, 'x')}, DNSPROXY_EINVALID, DNSPROXY_EINVALID},
+        {"no list", 32, {""}},
+        {"short list", 32, {"", std::string(31, 'x')}},
+        {"long list", 32, {"", std::string(33, 'x')}},
+        {"list without its second part", 5000, {"", std::string(4096, 'x')}},
+        {"list in other parts", 5000, {"", std::string(2500, 'x'), std::string(2500, 'x')}},
         {"list without end", uint64_t{1} << 62, {""}, DNSPROXY_ENOMEMORY},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
         const fake_daemon daemon([&](dnsproxy_public_msg msg) {
-            msg.result = 0;
+            msg.result = row.told;
             msg.dns = 11;
             msg.dataLen = row.length;
             messages replies = row.replies;
-            for (std::string &reply : replies) {
-                if (reply.empty())
-                    reply = bytes(msg);
-            }
+            std::replace(replies.begin(), replies.end(), ""s, bytes(msg));
             return replies;
         });
         patience_ms = 50;
-        dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GETIFS);
-        EXPECT_EQ(dnsproxy_public_dnsServer(&msg), row.result);
-        expect_untouched(msg, DNSPROXY_DNS_SERVER_GETIFS);
+        expect_failure(DNSPROXY_DNS_SERVER_GETIFS, row.result);
         EXPECT_EQ(pipes(), std::vector{request_name});
     }
 }
@@ -354,12 +315,11 @@ TEST_F(client_call, full_request_pipe_fails_at_once)
 {
     ASSERT_GE(qxcom_nmpipe_create(request_name.c_str(), 200, 240), 0);
     const int fd = qxcom_nmpipe_open(request_name.c_str(), NMPIPE_WRITE, 0);
-    dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GET);
     int waiting = 0;
-    while (qxcom_nmpipe_write(fd, &msg, sizeof msg) > 0)
+    while (qxcom_nmpipe_write(fd, std::string(240, 'x').data(), 240) > 0)
         waiting++;
     EXPECT_GE(waiting, 200);
-    EXPECT_EQ(dnsproxy_public_dnsServer(&msg), DNSPROXY_ERESOURCE);
+    expect_failure(DNSPROXY_DNS_SERVER_GET, DNSPROXY_ERESOURCE);
     EXPECT_EQ(longest_wait_ms, 0);
     qxcom_nmpipe_close(fd);
     qxcom_nmpipe_delete(request_name.c_str());
@@ -375,24 +335,18 @@ bool is_sigpipe_pending()
 }
 
 // The daemon ends between the opening of its pipe and the request.
-int call_while_daemon_ends()
+void call_while_daemon_ends()
 {
     EXPECT_GE(qxcom_nmpipe_create(request_name.c_str(), 200, 240), 0);
     before_write = [] { qxcom_nmpipe_delete(request_name.c_str()); };
-    dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GET);
-    const int result = dnsproxy_public_dnsServer(&msg);
-    expect_untouched(msg, DNSPROXY_DNS_SERVER_GET);
-    return result;
+    expect_failure(DNSPROXY_DNS_SERVER_GET, DNSPROXY_ERESOURCE);
 }
 
 TEST_F(client_call, sigpipe_does_not_reach_the_caller)
 {
-    struct sigaction counts = {};
-    struct sigaction before = {};
-    counts.sa_handler = [](int) { sigpipes++; };
-    sigaction(SIGPIPE, &counts, &before);
+    const auto before = signal(SIGPIPE, [](int) { sigpipes++; });
     sigset_t mask;
-    EXPECT_EQ(call_while_daemon_ends(), DNSPROXY_ERESOURCE);
+    call_while_daemon_ends();
     EXPECT_EQ(sigpipes, 0);
     EXPECT_FALSE(is_sigpipe_pending());
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
@@ -402,64 +356,46 @@ TEST_F(client_call, sigpipe_does_not_reach_the_caller)
     sigaddset(&mask, SIGPIPE);
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     raise(SIGPIPE);
-    EXPECT_EQ(call_while_daemon_ends(), DNSPROXY_ERESOURCE);
+    call_while_daemon_ends();
     EXPECT_EQ(sigpipes, 0);
     EXPECT_TRUE(is_sigpipe_pending());
     sigdelset(&mask, SIGPIPE);
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     EXPECT_EQ(sigpipes, 1);
-    sigaction(SIGPIPE, &before, nullptr);
+    signal(SIGPIPE, before);
 }
 
 TEST_F(client_call, signals_do_not_end_the_wait)
 {
     static std::atomic<bool> interrupted;
-    struct sigaction interrupts = {};
-    struct sigaction before = {};
+    struct sigaction interrupts = {}, before = {};
     interrupts.sa_handler = [](int) { interrupted = true; };
     sigaction(SIGUSR1, &interrupts, &before);
-    const pthread_t caller = pthread_self();
-    const fake_daemon daemon([caller](dnsproxy_public_msg msg) {
+    const fake_daemon daemon([caller = pthread_self()](const dnsproxy_public_msg &msg) {
         pthread_kill(caller, SIGUSR1);
         while (!interrupted)
             std::this_thread::yield();
-        msg.result = 0;
-        return messages{bytes(msg)};
+        return done(msg);
     });
     dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GET);
     EXPECT_EQ(dnsproxy_public_dnsServer(&msg), 0);
     sigaction(SIGUSR1, &before, nullptr);
 }
 
-TEST_F(client_call, leaves_the_random_sequence_alone)
-{
-    const fake_daemon daemon([](dnsproxy_public_msg msg) {
-        msg.result = 0;
-        return messages{bytes(msg)};
-    });
-    srandom(1);
-    const long first = random();
-    const long second = random();
-    srandom(1);
-    EXPECT_EQ(random(), first);
-    dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GET);
-    EXPECT_EQ(dnsproxy_public_dnsServer(&msg), 0);
-    EXPECT_EQ(random(), second);
-}
-
 TEST_F(client_call, draws_another_name_when_one_is_taken)
 {
-    const fake_daemon daemon([](dnsproxy_public_msg msg) {
-        msg.result = 0;
-        return messages{bytes(msg)};
-    });
+    const fake_daemon daemon(done);
     const fs::path taken = folder / "dnsp_4294967295";
     ASSERT_EQ(mkfifo(taken.c_str(), 0600), 0);
 
     scripted_numbers = {0xffffffff, 0xffffffff, 0};
     dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GET);
+    srandom(1);
+    const long first = random();
+    srandom(1);
     EXPECT_EQ(dnsproxy_public_dnsServer(&msg), 0);
     EXPECT_STREQ(msg.pipeName, "dnsp_0");
+    EXPECT_EQ(random(), first) << "the caller's own random sequence goes on";
 
     scripted_numbers.assign(1000, 0xffffffff);
     EXPECT_EQ(dnsproxy_public_dnsServer(&msg), DNSPROXY_ERESOURCE);
@@ -470,35 +406,30 @@ TEST_F(client_call, draws_another_name_when_one_is_taken)
 
 TEST_F(client_call, threads_get_their_own_replies)
 {
-    constexpr uint32_t threads = 8;
     constexpr uint32_t calls = 200;
     const fake_daemon daemon([](dnsproxy_public_msg msg) {
-        msg.result = 0;
-        msg.dataLen = 2 * sizeof msg.reserved;
-        std::string list(msg.dataLen, '\0');
-        memcpy(list.data(), &msg.reserved, sizeof msg.reserved);
-        return messages{bytes(msg), list};
+        msg.dataLen = sizeof msg.reserved;
+        const auto *list = reinterpret_cast<const char *>(&msg.reserved);
+        return messages{done(msg)[0], {list, sizeof msg.reserved}};
     });
     std::vector<std::thread> callers;
     std::atomic<uint32_t> answered = 0;
-    for (uint32_t caller = 0; caller < threads; caller++) {
-        callers.emplace_back([caller, &answered] {
-            for (uint32_t i = 0; i < calls; i++) {
+    for (uint32_t first = 0; first < 8 * calls; first += calls) {
+        callers.emplace_back([first, &answered] {
+            for (uint32_t number = first; number < first + calls; number++) {
                 dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GETADDRS);
-                msg.reserved = caller * calls + i;
+                msg.reserved = number;
                 if (dnsproxy_public_dnsServer(&msg) != 0)
                     continue;
-                uint32_t listed = 0;
-                memcpy(&listed, reinterpret_cast<const void *>(msg.data), sizeof listed);
-                free(reinterpret_cast<void *>(msg.data));
-                if (msg.reserved == caller * calls + i && listed == msg.reserved)
-                    answered++;
+                auto *listed = reinterpret_cast<uint32_t *>(msg.data);
+                answered += msg.reserved == number && *listed == number ? 1 : 0;
+                free(listed);
             }
         });
     }
     for (std::thread &caller : callers)
         caller.join();
-    EXPECT_EQ(answered, threads * calls);
+    EXPECT_EQ(answered, 8 * calls);
 }
 
 } // namespace

@@ -113,79 +113,39 @@ def rule(*options: str) -> str:
 
 LAN_RULE = rule("name lan", "service_if LAN")
 
-RULE_FILES = [
-    # name, text, listen interfaces
-    ("empty", "", []),
-    ("only comments", "# nothing here\n\n", []),
-    ("no rule section", "config zone\n\toption service_if LAN\n", []),
-    ("no name", rule("service_if LAN"), [Listen("br-lan")]),
-    ("no service_if", rule("name a"), [Listen("")]),
-    (
-        "unknown service_if",
-        rule("name a", "service_if NOWHERE") + LAN_RULE,
-        [Listen(""), Listen("br-lan")],
-    ),
-    ("service_if loopback", rule("name self", "service_if loopback"), [Listen("lo")]),
-    (
-        "one service_if twice",
-        LAN_RULE + rule("name b", "service_if LAN", "force_if on", "out_if WAN1"),
-        [Listen("br-lan")],
-    ),
-    ("forced", rule("service_if LAN", "force_if on", "out_if WAN1"), [Listen("br-lan", "wan1")]),
-    ("forced to nothing", rule("service_if LAN", "force_if on"), [Listen("br-lan", "")]),
-    (
-        "forced to an unknown",
-        rule("service_if LAN", "force_if on", "out_if NO"),
-        [Listen("br-lan", "")],
-    ),
-    (
-        "forced with a capital",
-        rule("service_if LAN", "force_if On", "out_if WAN1"),
-        [Listen("br-lan")],
-    ),
-    ("not forced", rule("service_if LAN", "force_if off", "out_if WAN1"), [Listen("br-lan")]),
-    ("options twice", rule("service_if LAN", "service_if GUEST"), [Listen("br-guest")]),
-    (
-        "list options",
+BOTH = [Listen(""), Listen("br-lan")]
+RULE_FILES = {
+    # text, listen interfaces
+    "no rule section": ("config zone\n\toption service_if LAN\n", []),
+    "no name": (rule("service_if LAN"), [Listen("br-lan")]),
+    "no service_if": (rule("name a"), [Listen("")]),
+    "unknown service_if": (rule("name a", "service_if NOWHERE") + LAN_RULE, BOTH),
+    "too long a service_if": (rule(f"service_if {'x' * 35}") + LAN_RULE, BOTH),
+    "service_if loopback": (rule("name self", "service_if loopback"), [Listen("lo")]),
+    "a service_if twice": (LAN_RULE + rule("service_if LAN", "force_if on", "out_if WAN1"), [Listen("br-lan")]),
+    "forced": (rule("service_if LAN", "force_if on", "out_if WAN1"), [Listen("br-lan", "wan1")]),
+    "forced to nothing": (rule("service_if LAN", "force_if on"), [Listen("br-lan", "")]),
+    "forced to an unknown": (rule("service_if LAN", "force_if on", "out_if NO"), [Listen("br-lan", "")]),
+    "forced with a capital": (rule("service_if LAN", "force_if On", "out_if WAN1"), [Listen("br-lan")]),
+    "list options": (
         "config rule\n\tlist service_if LAN\n\tlist service_if GUEST\n"
         "\tlist force_if off\n\tlist force_if on\n\tlist out_if WAN2\n\tlist out_if WAN1\n",
         [Listen("br-guest", "wan1")],
     ),
-    (
-        "the PPPoE server",
-        rule("name dnsproxy_pppoes", "service_if PPPOES") + LAN_RULE,
-        [Listen("br-lan")],
-    ),
-    ("no final line feed", LAN_RULE.rstrip("\n"), [Listen("br-lan")]),
-    (
-        "a name that is too long",
-        rule(f"service_if {'x' * 35}") + LAN_RULE,
-        [Listen(""), Listen("br-lan")],
-    ),
-    ("a thousand rules", LAN_RULE * 1000, [Listen("br-lan")]),
-]
+    "the PPPoE server": (rule("name dnsproxy_pppoes", "service_if PPPOES") + LAN_RULE, [Listen("br-lan")]),
+    "a thousand rules": (LAN_RULE * 1000, [Listen("br-lan")]),
+}
 
 
-@pytest.mark.parametrize(
-    ("text", "expected"), [row[1:] for row in RULE_FILES], ids=[r[0] for r in RULE_FILES]
-)
+@pytest.mark.parametrize("text, expected", RULE_FILES.values(), ids=RULE_FILES)
 def test_rule_files(lab, text, expected):
     files.write(files.RULES, text)
     with Daemon() as daemon:
         assert tables(daemon.output())[0] == expected
 
 
-@pytest.mark.parametrize(
-    "text",
-    (
-        None,
-        "config rule\n\toption name 'lan\n",
-        "config\n",
-        "\toption name lan\n",
-        "no such word\n",
-    ),
-    ids=("missing", "open quote", "no section type", "option outside", "unknown word"),
-)
+# That a file cannot be parsed has one result, whatever its fault.
+@pytest.mark.parametrize("text", (None, "config rule\n\toption name 'lan\n"), ids=("missing", "open quote"))
 def test_without_rules_the_daemon_ends(lab, text):
     if text is not None:
         files.write(files.RULES, text)
@@ -200,82 +160,43 @@ WAN2 = "#Interface WAN2\nnameserver 10.0.2.53\n"
 LINE1 = line("wan1", "10.0.1.53")
 LINE2 = line("wan2", "10.0.2.53")
 
-RESOLVER_FILES = [
-    # name, text, server interfaces
-    ("missing", None, []),
-    ("empty", "", []),
-    ("no section", "nameserver 10.0.1.53\n", []),
-    ("servers before the first section", "nameserver 10.9.9.9\n" + WAN1, [LINE1]),
-    ("no final line feed", WAN1 + WAN2.rstrip("\n"), [LINE1, LINE2]),
-    ("carriage returns", (WAN1 + WAN2).replace("\n", "\r\n"), [LINE1, LINE2]),
-    ("blanks and tabs", "  \t#Interface\t WAN1 x\n\t nameserver \t10.0.1.53 y\n", [LINE1]),
-    ("a blank in the keyword", "# Interface WAN1\nnameserver 10.0.1.53\n" + WAN2, [LINE2]),
-    (
-        "other keywords",
-        WAN1 + "Nameserver 10.1.1.1\nnameservers 10.1.1.2\nsearch lan\n\n \n",
-        [LINE1],
-    ),
-    ("no server", "#Interface WAN1\n" + WAN2, [line("wan1"), LINE2]),
-    (
-        "too many servers",
-        "#Interface WAN1\n"
-        + "".join(f"nameserver 10.0.0.{i}\nnameserver fd00::{i}\n" for i in (1, 2, 3)),
+
+def servers(*addresses: str) -> str:
+    return "".join(f"nameserver {address}\n" for address in addresses)
+
+
+NO_ADDRESSES = ("255.255.255.255", "10.0.0.256", "dns.test", ":", "fd00::g", "1:2:3", "")
+RESOLVER_FILES = {
+    # text, server interfaces
+    "missing": (None, []),
+    "no section": ("nameserver 10.0.1.53\n", []),
+    "servers before the first section": ("nameserver 10.9.9.9\n" + WAN1, [LINE1]),
+    "no final line feed": (WAN1 + WAN2.rstrip("\n"), [LINE1, LINE2]),
+    "carriage returns": ((WAN1 + WAN2).replace("\n", "\r\n"), [LINE1, LINE2]),
+    "blanks and tabs": ("  \t#Interface\t WAN1 x\n\t nameserver \t10.0.1.53 y\n", [LINE1]),
+    "a blank in the keyword": ("# Interface WAN1\nnameserver 10.0.1.53\n" + WAN2, [LINE2]),
+    "other keywords": (WAN1 + "Nameserver 10.1.1.1\nnameservers 10.1.1.2\nsearch lan\n\n \n", [LINE1]),
+    "no server": ("#Interface WAN1\n" + WAN2, [line("wan1"), LINE2]),
+    "too many servers": (
+        "#Interface WAN1\n" + "".join(servers(f"10.0.0.{i}", f"fd00::{i}") for i in (1, 2, 3)),
         [line("wan1", "10.0.0.1", "10.0.0.2", "fd00::1", "fd00::2")],
     ),
-    (
-        "addresses that are none",
-        "#Interface WAN1\n"
-        + "".join(
-            f"nameserver {address}\n"
-            for address in (
-                "255.255.255.255",
-                "10.0.0.256",
-                "dns.test",
-                ":",
-                "fd00::g",
-                "1:2:3",
-                "",
-                "fd00::7",
-            )
-        ),
-        [line("wan1", "fd00::7")],
+    "addresses that are none": ("#Interface WAN1\n" + servers(*NO_ADDRESSES, "fe80::7"), [line("wan1", "fe80::7")]),
+    "loopback": ("#Interface loopback\nnameserver 127.0.0.1\n" + WAN1, [LINE1]),
+    "one section twice": (  # and the rest is not read
+        WAN1 + servers("fd00::1") + "#Interface WAN1\n" + servers("10.0.1.54", "fd00::2") + WAN2,
+        [line("wan1", "10.0.1.53", "fd00::2")],
     ),
-    ("a link-local server", "#Interface WAN1\nnameserver fe80::1\n", [line("wan1", "fe80::1")]),
-    ("loopback", "#Interface loopback\nnameserver 127.0.0.1\n" + WAN1, [LINE1]),
-    (
-        "one section twice",
-        WAN1
-        + "nameserver fd00::1\n"
-        + "#Interface WAN1\nnameserver 10.0.1.54\nnameserver fd00::2\n"
-        + WAN2,
-        [line("wan1", "10.0.1.53", "fd00::2")],  # and the rest is not read
-    ),
-    ("an unknown section", WAN1 + "#Interface NOWHERE\nnameserver 10.1.1.1\n" + WAN2, [LINE1]),
-    ("a section without a name", WAN1 + "#Interface\n" + WAN2, [LINE1]),
-    ("a name that is too long", WAN1 + f"#Interface {'x' * 40}\n" + WAN2, [LINE1]),
-    (
-        "a device that is not there",
-        "#Interface IPTV\nnameserver 10.0.1.53\n",
-        [line("br-iptv", "10.0.1.53")],
-    ),
-    (
-        "10 MB in one line",
-        "#Interface WAN1\n" + "x" * 10_000_000 + "\nnameserver 10.0.1.53\n",
-        [LINE1],
-    ),
-    (
-        "10 MB in many lines",
-        WAN1 + "nameserver 10.0.1.54\n" * 500_000,
-        [line("wan1", "10.0.1.53", "10.0.1.54")],
-    ),
-]
+    "an unknown section": (WAN1 + "#Interface NOWHERE\nnameserver 10.1.1.1\n" + WAN2, [LINE1]),
+    "a section without a name": (WAN1 + "#Interface\n" + WAN2, [LINE1]),
+    "a name that is too long": (WAN1 + f"#Interface {'x' * 40}\n" + WAN2, [LINE1]),
+    "a device that is not there": ("#Interface IPTV\nnameserver 10.0.1.53\n", [line("br-iptv", "10.0.1.53")]),
+    "10 MB in a line": ("#Interface WAN1\n" + "x" * 10_000_000 + "\nnameserver 10.0.1.53\n", [LINE1]),
+    "10 MB in lines": (WAN1 + "nameserver 10.0.1.54\n" * 500_000, [line("wan1", "10.0.1.53", "10.0.1.54")]),
+}
 
 
-@pytest.mark.parametrize(
-    ("text", "expected"),
-    [row[1:] for row in RESOLVER_FILES],
-    ids=[row[0] for row in RESOLVER_FILES],
-)
+@pytest.mark.parametrize("text, expected", RESOLVER_FILES.values(), ids=RESOLVER_FILES)
 def test_resolver_files(lab, text, expected):
     files.write(files.RULES, LAN_RULE)
     if text is not None:
@@ -295,28 +216,25 @@ def test_binary_files(upstreams, client, seed):
         assert client("h1").ask() is not None
 
 
-MAPPINGS = [
+MAPPINGS = {
     # what the second zone function does, the device that comes of it (None: none)
-    ("prints a device", "echo wan1", "wan1"),
-    ("prints it and fails", "echo wan1; return 1", "wan1"),
-    ("prints two lines", "echo wan1; echo wan2", "wan1"),
-    ("prints 15 characters", "echo 123456789012345", "123456789012345"),
-    ("prints 16 characters", "echo 1234567890123456", None),
-    ("prints no line feed", "printf wan12", "wan1"),
-    ("prints a line feed", "echo", ""),
-    ("prints nothing", ":", None),
-    ("fails", "return 1", None),
-    ("kills itself", "kill -9 $$", None),
-    ("prints lines without end", "while :; do echo wan1; done", "wan1"),
-    ("prints one line without end", "tr '\\0' x </dev/zero", None),
-    ("prints zeros without end", "cat /dev/zero", ""),
-    ("complains", "echo no such zone >&2", None),
-]
+    "prints a device": ("echo wan1", "wan1"),
+    "prints it and fails": ("echo wan1; return 1", "wan1"),
+    "prints two lines": ("echo wan1; echo wan2", "wan1"),
+    "prints 15 characters": ("echo 123456789012345", "123456789012345"),
+    "prints 16 characters": ("echo 1234567890123456", None),
+    "prints no line feed": ("printf wan12", "wan1"),
+    "prints a line feed": ("echo", ""),
+    "fails": ("return 1", None),
+    "kills itself": ("kill -9 $$", None),
+    "prints lines without end": ("while :; do echo wan1; done", "wan1"),
+    "prints one line without end": ("tr '\\0' x </dev/zero", None),
+    "prints zeros without end": ("cat /dev/zero", ""),
+    "complains": ("echo no such zone >&2", None),
+}
 
 
-@pytest.mark.parametrize(
-    ("body", "device"), [row[1:] for row in MAPPINGS], ids=[row[0] for row in MAPPINGS]
-)
+@pytest.mark.parametrize("body, device", MAPPINGS.values(), ids=MAPPINGS)
 def test_mapping_commands(lab, body, device):
     functions = 'zone_iface_to_userif() {\n echo "$1"\n}\nzone_get_effect_devices() {\n'
     functions += f" case $1 in ODD) {body} ;; *) echo br-lan ;; esac\n}}\n"
@@ -329,9 +247,7 @@ def test_mapping_commands(lab, body, device):
         assert lines == ([] if device is None else [line(device, "10.0.1.53")])
 
 
-@pytest.mark.parametrize(
-    "text", (None, "", "syntax error (\n"), ids=("missing", "empty", "with a syntax error")
-)
+@pytest.mark.parametrize("text", (None, "", "syntax error (\n"), ids=("missing", "empty", "with an error"))
 def test_zone_functions(lab, text):
     files.remove(files.ZONE_API)
     if text is not None:
@@ -342,26 +258,12 @@ def test_zone_functions(lab, text):
         assert tables(daemon.output()) == ([Listen(""), Listen("lo")], [])
 
 
-@pytest.mark.parametrize(
-    "name",
-    (
-        "x;touch${IFS}/tmp/canary",
-        "$(touch${IFS}/tmp/canary)",
-        "`touch${IFS}/tmp/canary`",
-        "x&touch${IFS}/tmp/canary",
-        "x|touch${IFS}/tmp/canary",
-        "x>/tmp/canary",
-        "x)touch${IFS}/tmp/canary;(x",
-        "-x'>/tmp/canary'",
-    ),
-)
+@pytest.mark.parametrize("name", ("x;canary", "x&canary", "x|canary", "$(canary)", "`canary`", "x>canary", "-x'\"*~"))
 def test_names_never_run_as_commands(lab, name):
     canary = Path("/tmp/canary")
-    canary.unlink(missing_ok=True)
-    files.write_rules(
-        [{"name": "bad", "service_if": name, "force_if": "on", "out_if": name}, TWO_RULES[0]]
-    )
+    files.write(files.ZONE_API, Path(files.ZONE_API).read_text() + f"canary() {{ touch {canary}; }}\n")
+    files.write_rules([{"name": "bad", "service_if": name, "force_if": "on", "out_if": name}, TWO_RULES[0]])
     files.write_resolv({"WAN1": ["10.0.1.53"], name: ["10.0.2.53"]})
     with Daemon() as daemon:
         assert tables(daemon.output()) == ([Listen("", ""), Listen("br-lan")], [LINE1])
-    assert not canary.exists()
+    assert not canary.exists() and not Path("canary").exists()

@@ -84,10 +84,6 @@ A, B, X, Y = "192.0.2.1", "192.0.2.2", "2001:db8::1", "2001:db8::2"
         (A, (A, *OLD[1:])),
         (f"{A} {B}", (A, B, *OLD[2:])),
         (X, (*OLD[:2], X, OLD[3])),
-        (f"{X} {Y}", (*OLD[:2], X, Y)),
-        (f"{A} {X}", (A, OLD[1], X, OLD[3])),
-        (f"{A} {X} {Y}", (A, OLD[1], X, Y)),
-        (f"{A} {B} {X}", (A, B, X, OLD[3])),
         (f"{X} {A} {Y} {B}", (A, B, X, Y)),
         (f"0.0.0.0 {B}", (OLD[0], B, *OLD[2:])),
         (f":: {Y} {A}", (A, OLD[1], None, Y)),
@@ -102,9 +98,7 @@ def test_set_keeps_what_is_not_given(daemon, servers, expected):
     "servers, made, changed",
     [
         (A, (A, None, None, None), (A, *OLD[1:])),
-        (X, (None, None, X, None), (*OLD[:2], X, None)),
         (f"{A} {X} {Y}", (A, None, X, Y), (A, OLD[1], X, Y)),
-        (f"{A} {B} {X} {Y}", (A, B, X, Y), (A, B, X, Y)),
     ],
 )
 def test_add_and_put(daemon, servers, made, changed):
@@ -119,7 +113,7 @@ def test_add_and_put(daemon, servers, made, changed):
 def test_refusals(daemon):
     for command in ("get WAN3", f"set WAN3 {A} {B} {X}", "del WAN3"):
         refused(command, REFUSED, "WAN3: no such interface (-9005)")
-    for command in ("get NOPE", f"put NOPE {A}", "list -i NOPE", "--interface=NOPE addrs", "delall -i NOPE", "delall NOPE"):
+    for command in (f"put NOPE {A}", "list -i NOPE", "--interface=NOPE addrs", "delall -i NOPE", "delall NOPE"):
         refused(command, REFUSED, "NOPE: cannot be mapped to a device (-9002)")
     refused(f"add WAN1 {A}", REFUSED, "WAN1: interface exists (-9004)")
     assert servers_of("WAN1") == OLD
@@ -131,14 +125,7 @@ def test_options_anywhere(daemon):
     expected = ctl("--json get WAN1").stdout
     for command in ("get --json WAN1", "get WAN1 -j", "-j -- get WAN1", "get -j -- WAN1"):
         assert ctl(command).stdout == expected, command
-    result = subprocess.run(
-        [programs.path("tools/dnsproxyctl"), "get", "WAN1", "-j"],
-        env={"POSIXLY_CORRECT": "1"},
-        capture_output=True,
-        text=True,
-        check=False,
-    )
-    assert result.stdout == expected
+    assert ctl("get WAN1 -j", env={"POSIXLY_CORRECT": "1"}).stdout == expected
 
 
 def test_odd_device_names_are_escaped(daemon):
