@@ -57,8 +57,8 @@ struct ipv6 {
     {
         const in6_addr &address = sif->dnsServer6[slot].sin6_addr;
         // The check of the daemon refuses "::" alone, which takes no text to see.
-        if (check == dnsproxy_check_dnsserver_v6 && !IN6_IS_ADDR_UNSPECIFIED(&address))
-            return true;
+        if (check == dnsproxy_check_dnsserver_v6)
+            return !IN6_IS_ADDR_UNSPECIFIED(&address) || check("::") != 0;
         char text[DNSPROXY_ADDRESS_TEXT] = {};
         return check(inet_ntop(AF_INET6, &address, text, sizeof text - 1)) != 0;
     }

@@ -14,22 +14,24 @@ namespace {
 constexpr int32_t default_buckets = 256;
 constexpr uint32_t smallest_capacity = 4;
 
-// Header of a bucket's one block of memory; `capacity` hashes follow, which a look-up reads first, then as
-// many record pointers. Both arrays are in the order of addition and hold [first, end): records mostly leave
-// in the order in which they came, and then nothing is moved. The capacity is a multiple of 4.
+// `block` holds `capacity` hashes, which a look-up reads first, then as many record pointers. Both arrays are
+// in the order of addition and hold [first, end): records mostly leave in the order in which they came, and
+// then nothing is moved. The numbers stand in the table itself, which the caches hold, not in the block: what
+// an operation waits for in a large table is one access to memory, not two in turn. The capacity is a
+// multiple of 4.
 struct bucket {
+    void *block; // nullptr: never used
     uint32_t first;
     uint32_t end;
     uint32_t capacity;
-    uint32_t unused; // keeps the record pointers aligned
 };
 
-uint32_t *hashes_of(bucket *b)
+uint32_t *hashes_of(const bucket *b)
 {
-    return reinterpret_cast<uint32_t *>(b + 1);
+    return static_cast<uint32_t *>(b->block);
 }
 
-void **records_of(bucket *b)
+void **records_of(const bucket *b)
 {
     return reinterpret_cast<void **>(hashes_of(b) + b->capacity);
 }
@@ -44,21 +46,21 @@ uint32_t grown(uint32_t capacity)
     return capacity < 8 ? capacity + smallest_capacity : (capacity + capacity / 2 + 3) / 4 * 4;
 }
 
-// Gives the bucket in `slot` (nullptr: none yet) another capacity; 0, or -1 without memory.
-int resize(bucket **slot, uint32_t capacity)
+// Gives the bucket another capacity; 0, or -1 without memory.
+int resize(bucket *b, uint32_t capacity)
 {
-    bucket *old = *slot;
-    auto *b = static_cast<bucket *>(malloc(sizeof(bucket) + capacity * (sizeof(void *) + sizeof(uint32_t))));
-    if (b == nullptr)
+    bucket resized = {.block = malloc(capacity * (sizeof(uint32_t) + sizeof(void *))),
+                      .first = 0,
+                      .end = count_of(b),
+                      .capacity = capacity};
+    if (resized.block == nullptr)
         return -1;
-    *b = {.first = 0, .end = 0, .capacity = capacity, .unused = 0};
-    if (old != nullptr) {
-        b->end = count_of(old);
-        memcpy(hashes_of(b), hashes_of(old) + old->first, b->end * sizeof(uint32_t));
-        memcpy(records_of(b), records_of(old) + old->first, b->end * sizeof(void *));
-        free(old);
+    if (b->block != nullptr) {
+        memcpy(hashes_of(&resized), hashes_of(b) + b->first, resized.end * sizeof(uint32_t));
+        memcpy(records_of(&resized), records_of(b) + b->first, resized.end * sizeof(void *));
+        free(b->block);
     }
-    *slot = b;
+    *b = resized;
     return 0;
 }
 
@@ -77,15 +79,12 @@ void move_down(bucket *b, uint32_t to, uint32_t from)
 
 // Makes room for one more at the end; 0, or -1 without memory. A bucket is moved down only if that frees a
 // quarter of it, so that an addition costs the same however many records the bucket holds.
-int make_room(bucket **slot)
+int make_room(bucket *b)
 {
-    bucket *b = *slot;
-    if (b == nullptr)
-        return resize(slot, smallest_capacity);
     if (b->end < b->capacity)
         return 0;
-    if (b->first < b->capacity / 4)
-        return resize(slot, grown(b->capacity));
+    if (b->first == 0 || b->first < b->capacity / 4)
+        return resize(b, grown(b->capacity));
     move_down(b, 0, b->first);
     b->first = 0;
     return 0;
@@ -111,15 +110,15 @@ struct ipcom_hash {
     ipcom_hash_obj_fn obj;
     ipcom_hash_key_fn key;
     ipcom_hash_cmp_fn cmp;
-    uint32_t size; // number of buckets, whose pointers follow the table; nullptr: never used
+    uint32_t size; // number of buckets, which follow the table
 };
 
-static bucket **all_buckets(ipcom_hash *table)
+static bucket *all_buckets(ipcom_hash *table)
 {
-    return reinterpret_cast<bucket **>(table + 1);
+    return reinterpret_cast<bucket *>(table + 1);
 }
 
-static bucket **bucket_slot(ipcom_hash *table, uint32_t hash)
+static bucket *bucket_of(ipcom_hash *table, uint32_t hash)
 {
     return &all_buckets(table)[hash % table->size];
 }
@@ -135,7 +134,7 @@ ipcom_hash *ipcom_hash_new_fixed(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, i
     if (buckets < 1)
         return nullptr;
     const auto size = static_cast<uint32_t>(buckets);
-    auto *table = static_cast<ipcom_hash *>(calloc(1, sizeof(ipcom_hash) + size * sizeof(void *)));
+    auto *table = static_cast<ipcom_hash *>(calloc(1, sizeof(ipcom_hash) + size * sizeof(bucket)));
     if (table == nullptr)
         return nullptr;
     table->obj = obj;
@@ -149,16 +148,19 @@ uint32_t ipcom_hash_update(const void *bytes, uint32_t length, uint32_t initial)
 {
     if (secret == 0) [[unlikely]]
         secret = draw_secret();
-    return XXH32(bytes, length, initial ^ secret);
+    if (length != sizeof(uint16_t))
+        return XXH32(bytes, length, initial ^ secret);
+    uint16_t value = 0;
+    memcpy(&value, bytes, sizeof value);
+    return XXH32(&initial, sizeof initial, secret) + value;
 }
 
 int ipcom_hash_add(ipcom_hash *table, void *record)
 {
     const uint32_t hash = table->obj(record);
-    bucket **slot = bucket_slot(table, hash);
-    if (make_room(slot) != 0)
+    bucket *b = bucket_of(table, hash);
+    if (make_room(b) != 0)
         return -1;
-    bucket *b = *slot;
     hashes_of(b)[b->end] = hash;
     records_of(b)[b->end] = record;
     b->end++;
@@ -168,9 +170,7 @@ int ipcom_hash_add(ipcom_hash *table, void *record)
 void *ipcom_hash_get(ipcom_hash *table, const void *key)
 {
     const uint32_t hash = table->key(key);
-    bucket *b = *bucket_slot(table, hash);
-    if (b == nullptr)
-        return nullptr;
+    const bucket *b = bucket_of(table, hash);
     const uint32_t *hashes = hashes_of(b);
     for (uint32_t i = b->end; i-- > b->first;) {
         if (hashes[i] == hash && table->cmp(records_of(b)[i], key) != 0)
@@ -182,10 +182,7 @@ void *ipcom_hash_get(ipcom_hash *table, const void *key)
 int ipcom_hash_remove(ipcom_hash *table, void *record)
 {
     const uint32_t hash = table->obj(record);
-    bucket **slot = bucket_slot(table, hash);
-    bucket *b = *slot;
-    if (b == nullptr)
-        return -1;
+    bucket *b = bucket_of(table, hash);
     uint32_t at = b->first;
     while (at < b->end && (hashes_of(b)[at] != hash || records_of(b)[at] != record))
         at++;
@@ -200,7 +197,7 @@ int ipcom_hash_remove(ipcom_hash *table, void *record)
     // Memory that a flood took goes back: a large bucket shrinks when three quarters of it are empty. A
     // failure to get the smaller block only keeps the larger one.
     if (b->capacity > 2 * smallest_capacity && count_of(b) < b->capacity / 4)
-        (void)resize(slot, b->capacity / 8 * 4);
+        (void)resize(b, b->capacity / 8 * 4);
     return 0;
 }
 
@@ -209,11 +206,11 @@ void ipcom_hash_for_each(ipcom_hash *table, ipcom_hash_each_fn each, void *data)
     for (uint32_t slot = 0; slot < table->size; slot++) {
         // From the end, counting what is left and looking at the bucket anew each time: a removal by the
         // callback moves only what was visited already, and may give the bucket another block.
-        bucket **b = &all_buckets(table)[slot];
-        uint32_t left = *b == nullptr ? 0 : count_of(*b);
+        const bucket *b = &all_buckets(table)[slot];
+        uint32_t left = count_of(b);
         while (left > 0) {
             left--;
-            each(records_of(*b)[(*b)->first + left], data);
+            each(records_of(b)[b->first + left], data);
         }
     }
 }
@@ -223,6 +220,6 @@ void ipcom_hash_delete(ipcom_hash *table)
     if (table == nullptr)
         return;
     for (uint32_t slot = 0; slot < table->size; slot++)
-        free(all_buckets(table)[slot]);
+        free(all_buckets(table)[slot].block);
     free(table);
 }
