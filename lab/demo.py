@@ -39,6 +39,8 @@ RULES = [
     {"name": "guest", "service_if": "GUEST", "force_if": "on", "out_if": "WAN2"},
     {"name": "dnsproxy_pppoes", "service_if": "PPPOES"},
     {"name": "pppoe", "service_if": "PPPOES", "out_type": "polling"},
+    {"name": "ppp", "service_if": "PPP", "out_type": "polling"},
+    {"name": "router", "service_if": "loopback"},
 ]
 
 
@@ -102,12 +104,12 @@ class Answer(NamedTuple):
 class Asker(NamedTuple):
     """A host that asks the router with dig, always by the same command."""
 
-    host: plan.Host
+    host: str | None  # None: the router
     command: str
 
     def ask(self) -> Answer:
         started = time.monotonic()
-        output = netns.run(self.host.name, self.command.split()).stdout
+        output = netns.run(self.host, self.command.split()).stdout
         seconds = time.monotonic() - started
         text = re.search(r'"(answered by .*)"$', output, re.MULTILINE)
         took = re.search(r"^;; Query time: (\d+) usec$", output, re.MULTILINE)
@@ -122,13 +124,13 @@ class Asker(NamedTuple):
         return answers
 
 
-def asker(name: str, options: str = "+tries=1 +time=2", family: int = 4) -> Asker:
+def asker(name: str, family: int, options: str = "+tries=1 +time=2") -> Asker:
     """A host about to ask; shows its command."""
     host = HOSTS[name]
     command = f"dig -u @{host.router(family)} {NAME} TXT {options}"
     address = host.address4 if family == 4 else host.address6
     say(f"{Paint.dim(f'{name} ({address}) $')} {command}")
-    return Asker(host, command)
+    return Asker(name, command)
 
 
 class Stage:
@@ -173,7 +175,7 @@ def expect_replies(stage: Stage, got: Sniffer, count: int) -> None:
 # The steps. Each tells what it does and raises NotShown, with the difference, when it is not so.
 
 
-def start(stage: Stage) -> None:
+def start(stage: Stage, _family: int) -> None:
     """The start: rules and servers, as the daemon's own table dump tells them"""
     dump = wait.until(
         lambda: out if "\nEnd\n" in (out := stage.daemon.output()) else "", "the table dump"
@@ -199,25 +201,26 @@ def start(stage: Stage) -> None:
         say(f"{device:9} to {' '.join(servers)}{Paint.dim(note)}")
         lines.append((device, tuple(servers)))
     expect(
-        served == {plan.LAN: "", plan.GUEST: "wan2", plan.PPPOE: ""},
+        served == {plan.LAN: "", plan.GUEST: "wan2", plan.PPPOE: "", "ppp0": "", "lo": ""},
         f"served devices and their forced lines are {served}",
     )
     expect(
         lines == [(LINES[n].device, LINES[n].addresses) for n in (1, 2, 3)],
         f"outgoing devices and servers are {lines}",
     )
-    say("These are the three served devices and the three lines, with two servers per family each.")
+    say("These are the five served devices and the three lines, with two servers per family each.")
 
 
-def fixed(stage: Stage) -> None:
+def fixed(stage: Stage, family: int) -> None:
     """Fixed mode: for the hosts of the LAN the lines take turns"""
     with Sniffer() as out, Sniffer(replies=True) as back, Sniffer(replies=True, name="h1") as got:
-        answers = asker("h1").ask_times(6)
+        answers = asker("h1", family).ask_times(6)
         turns = [LINES[n].device for n in (1, 2, 3, 1, 2, 3)]
         expect([a.line for a in answers] == turns, f"the turns were not {', '.join(turns)}")
         for device, packets in zip(turns, by_query(out.wait_for(12)), strict=True):
             sent = sorted((p.device, p.destination) for p in packets)
-            wanted = [(device, f"10.0.{device[-1]}.{last}") for last in (53, 54)]
+            servers = LINES[int(device[-1])].servers_of(family)
+            wanted = sorted((device, server.address) for server in servers)
             expect(sent == wanted, f"a query went to {sent}")
         back.wait_for(12)
         expect_replies(stage, got, 6)
@@ -225,16 +228,16 @@ def fixed(stage: Stage) -> None:
     say("the 6 first ones were passed on to the host.")
 
 
-def polling(stage: Stage) -> None:
+def polling(stage: Stage, family: int) -> None:
     """Polling: a query of a PPPoE client goes to every server of every line, the fastest wins"""
     slow = LINES[SLOW_LINE].device
     with Sniffer() as out, Sniffer(replies=True) as back, Sniffer(replies=True, name="p1") as got:
-        answers = asker("p1").ask_times(4)
+        answers = asker("p1", family).ask_times(4)
         expect(all(a.text for a in answers), "a query was not answered")
         expect(all(a.line != slow for a in answers), f"the slow line {slow} won")
         for packets in by_query(out.wait_for(24)):
             addresses = sorted(p.destination for p in packets)
-            wanted = sorted(s.address for n in (1, 2, 3) for s in LINES[n].servers4)
+            wanted = sorted(s.address for n in (1, 2, 3) for s in LINES[n].servers_of(family))
             expect(addresses == wanted, f"a query went to {addresses}")
         back.wait_for(24)
         late = back.counts[slow]
@@ -246,10 +249,10 @@ def polling(stage: Stage) -> None:
     say("too late and were dropped. The client got one reply per query.")
 
 
-def forced(_stage: Stage) -> None:
+def forced(_stage: Stage, family: int) -> None:
     """A forced line: whatever the guests ask leaves by wan2"""
     with Sniffer() as out:
-        answers = asker("g1").ask_times(5)
+        answers = asker("g1", family).ask_times(5)
         expect(all(a.line == "wan2" for a in answers), "another line than wan2 answered, or none")
         out.wait_for(5)
         counts = dict(out.counts)
@@ -263,12 +266,18 @@ def forced(_stage: Stage) -> None:
     say("A listener on every outgoing device saw them leave by wan2 only, each to one server.")
 
 
-def silence(stage: Stage) -> None:
-    """A silent server: the line moves to its second one when the query's 10 s are over"""
-    server = stage.servers[2, 0]
-    silent = server.server4
+def silence(stage: Stage, family: int) -> None:
+    """A silent server: the line moves to its other one when the query's 10 s are over"""
+    if family == 6:
+        say("First the queries of the steps before run out: they teach the line in both families.")
+        time.sleep(QUERY_LIFE)
+    guest = asker("g1", family)
+    (now,) = guest.ask_times(1)
+    expect(now.line == "wan2", f"before: {now.text or 'no answer'}")
+    slot = int(now.text[-1]) - 1
+    server = stage.servers[2, slot]
+    silent = LINES[2].servers_of(family)[slot]
     say(f"{silent.label} ({silent.address}) falls silent; the guest asks until it is served.")
-    guest = asker("g1")
     server.freeze()
     try:
         started = time.monotonic()
@@ -280,56 +289,55 @@ def silence(stage: Stage) -> None:
             say(f"  after {asked:4.1f} s  {answer}")
     finally:
         server.thaw()
-    expect(answer.text == "answered by wan2, server 2", f"in the end: {answer.text or 'no answer'}")
+    other = f"answered by wan2, server {2 - slot}"
+    expect(answer.text == other, f"in the end: {answer.text or 'no answer'}")
     expect(
         asked + answer.seconds >= QUERY_LIFE,
         "the line moved before the first query's life was over",
     )
-    say("The first query stayed unanswered. When its 10 s were over, server 2 got its turn: nobody")
-    say("had to tell the daemon.")
+    say(f"The first query stayed unanswered. When its 10 s were over, server {2 - slot} got its turn:")
+    say("nobody had to tell the daemon.")
 
 
-def unplugged(stage: Stage) -> None:
+def unplugged(stage: Stage, family: int) -> None:
     """A line is pulled out and put back: the guests wait for it, the LAN does not"""
     show_root("ip link delete wan2")
     stage.lab.line_delete(2)
-    answers = asker("g1", "+tries=1 +time=1").ask_times(2)
+    answers = asker("g1", family, "+tries=1 +time=1").ask_times(2)
     expect(not any(a.text for a in answers), "a forced query was answered without its line")
-    answers = asker("h1", "+tries=3 +time=1").ask_times(3)
+    answers = asker("h1", family, "+tries=3 +time=1").ask_times(3)
     expect(all(a.line in ("wan1", "wan3") for a in answers), "a query of the LAN was not answered")
     say("The query whose turn was the missing line was lost; dig's own retry took the next line.")
     show_root("ip link add wan2 ...")
     stage.lab.line_create(2)
-    answers = asker("g1").ask_times(2)
+    answers = asker("g1", family).ask_times(2)
     expect(all(a.line == "wan2" for a in answers), "the guest is not served again")
     expect(stage.daemon.alive(), "the daemon has ended")
     say(f"The guests are served again at once, by the same process (pid {stage.daemon.pid}).")
 
 
-def ipv6(_stage: Stage) -> None:
-    """IPv6: a host asks over IPv6 and the lines' IPv6 servers answer"""
+def router_itself(_stage: Stage, _family: int) -> None:
+    """The router asks itself over IPv4: its queries go to servers of both families"""
+    command = f"dig -u @127.0.0.1 {NAME} TXT +tries=1 +time=2"
+    show_root(command)
     with Sniffer() as out:
-        answers = asker("h1", family=6).ask_times(3)
+        answers = Asker(None, command).ask_times(3)
         expect(all(a.text for a in answers), "a query was not answered")
-        expect(len({a.line for a in answers}) == 3, "the lines did not take turns")
-        sent = Counter(p.family for p in out.wait_for(6))
-        expect(sent == {6: 6}, f"queries left by family: {dict(sent)}")
-    say("The lines took turns again, and all six packets left over IPv6.")
+        sent = Counter(p.family for p in out.wait_for(12 + 3) if p.device != "lo")
+        expect(sent == {4: 6, 6: 6}, f"queries left by family: {dict(sent)}")
+    say("Each query left twice over IPv4 and twice over IPv6, and was answered over IPv4.")
 
 
-STEPS: tuple[Callable[[Stage], None], ...] = (
-    start,
-    fixed,
-    polling,
-    forced,
-    silence,
-    unplugged,
-    ipv6,
+STEPS: tuple[tuple[Callable[[Stage, int], None], int], ...] = (
+    (start, 0),
+    *((step, family) for step in (fixed, polling, forced) for family in (4, 6)),
+    (router_itself, 0),
+    *((step, family) for step in (silence, unplugged) for family in (4, 6)),
 )
 
 
-def title(step: Callable[[Stage], None]) -> str:
-    return (step.__doc__ or "").strip()
+def title(step: Callable[[Stage, int], None], family: int) -> str:
+    return (step.__doc__ or "").strip() + (", over IPv6" if family == 6 else "")
 
 
 def play() -> int:
@@ -338,10 +346,10 @@ def play() -> int:
     shown = 0
     with contextlib.ExitStack() as stack:
         stage = Stage(stack)
-        for number, step in enumerate(STEPS, 1):
-            print(f"\n {Paint.bold(f'{number}.  {title(step)}')}", flush=True)
+        for number, (step, family) in enumerate(STEPS, 1):
+            print(f"\n {Paint.bold(f'{number:2}.  {title(step, family)}')}", flush=True)
             try:
-                step(stage)
+                step(stage, family)
                 shown += 1
                 say(Paint.good("ok"))
             except (NotShown, TimeoutError, RuntimeError) as problem:

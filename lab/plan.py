@@ -124,6 +124,7 @@ LOGICAL = {
     "LAN": LAN,
     "GUEST": GUEST,
     "PPPOES": PPPOE,
+    "PPP": "ppp0",
     "WAN1": "wan1",
     "WAN2": "wan2",
     "WAN3": "wan3",
