@@ -105,8 +105,8 @@ def serving(argv: list[str], core: int, family: int, namespace: str | None = Non
         wait.until(up, f"{argv[0]} to own port 53")
         yield process.pid
     finally:
-        process.kill()
-        process.wait()
+        process.terminate()
+        process.wait(wait.PATIENCE)
 
 
 @dataclass
