@@ -25,6 +25,17 @@ if(NOT DNSPROXYD_SANITIZE)
     target_compile_options(dnsproxyd_shipped INTERFACE
         -ffunction-sections -fdata-sections -fno-asynchronous-unwind-tables -fstack-protector-strong
         $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+    # The daemon calls the C library through its table of addresses, not by way of stubs: one jump less a call.
+    target_compile_options(dnsproxyd_shipped INTERFACE -fno-plt)
     target_link_options(dnsproxyd_shipped INTERFACE
         -Wl,--gc-sections -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
+endif()
+
+# The daemon is optimised as a whole when it is linked: the operations of a query call each other across files.
+# Its libraries hold both forms of the code, so that tests link them as they are, and can replace what they call.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT DNSPROXYD_SANITIZE)
+    set(DNSPROXYD_LTO_COMPILE -flto -ffat-lto-objects)
+    # The linker would optimise whatever holds the other form, if not told that it must not.
+    set(links_whole $<STREQUAL:$<TARGET_PROPERTY:NAME>,dnsproxyd>)
+    target_link_options(dnsproxyd_common INTERFACE $<IF:${links_whole},-flto=auto,-fno-lto>)
 endif()
