@@ -56,10 +56,7 @@ struct cache_v4 : ipv4 {
     static constexpr auto on_expiry = dnsproxy_entry_timeout;
 
     static void set_host(entry *e, const key &k) { e->from = k.from; }
-    template <class T> static uint32_t hash_address(const T &record_or_key)
-    {
-        return hash_field(record_or_key.from, 0);
-    }
+    static uint32_t hash_address(const key &k) { return hash_field(k.from, 0); }
     static bool same_address(const entry &e, const key &k) { return e.from == k.from; }
 };
 
@@ -89,21 +86,23 @@ struct cache_v6 : ipv6 {
         e->from = k.from;
         e->from6 = k.from6;
     }
-    template <class T> static uint32_t hash_address(const T &record_or_key)
-    {
-        return hash_field(record_or_key.from6, hash_field(record_or_key.from, 0));
-    }
+    static uint32_t hash_address(const key &k) { return hash_field(k.from6, hash_field(k.from, 0)); }
     static bool same_address(const entry &e, const key &k)
     {
         return e.from == k.from && memcmp(&e.from6, &k.from6, sizeof k.from6) == 0;
     }
 };
 
-// The six table callbacks of a family.
-template <class C, class T> uint32_t hash_host(const void *record_or_key)
+// The six table callbacks of a family. A record keeps the hash of its host's key.
+template <class C> uint32_t hash_host(const void *key)
 {
-    const auto &r = *static_cast<const T *>(record_or_key);
-    return hash_field(r.id, hash_field(r.port, C::hash_address(r)));
+    const auto &k = *static_cast<const typename C::key *>(key);
+    return hash_field(k.id, hash_field(k.port, C::hash_address(k)));
+}
+
+template <class C> uint32_t hash_host_of_record(const void *record)
+{
+    return static_cast<const typename C::entry *>(record)->hostHash;
 }
 
 template <class C> int cmp_host(const void *record, const void *key)
@@ -141,8 +140,8 @@ template <class C> int init()
 {
     const int32_t buckets = dnsproxy_data.dnsproxyQueryMax * 4;
     ipcom_list_init(&(dnsproxy_data.*C::list));
-    dnsproxy_data.*C::hosts = ipcom_hash_new_fixed(hash_host<C, typename C::entry>,
-                                                   hash_host<C, typename C::key>, cmp_host<C>, buckets);
+    dnsproxy_data.*C::hosts =
+        ipcom_hash_new_fixed(hash_host_of_record<C>, hash_host<C>, cmp_host<C>, buckets);
     dnsproxy_data.*C::ids = ipcom_hash_new_fixed(hash_id_of_record<C>, hash_id, cmp_id<C>, buckets);
     if (dnsproxy_data.*C::hosts == nullptr || dnsproxy_data.*C::ids == nullptr) {
         delete_tables<C>();
@@ -160,16 +159,19 @@ template <class C> void deinit()
 
 template <class C> int add(const typename C::key &host, uint16_t new_id, const char *ifname, int32_t dnsIndex)
 {
-    auto *e = static_cast<typename C::entry *>(calloc(1, sizeof(typename C::entry)));
+    // Cleared here: a C library's calloc may pass by the blocks that were freed last, which are at hand.
+    auto *e = static_cast<typename C::entry *>(malloc(sizeof(typename C::entry)));
     if (e == nullptr) {
         DNSPROXY_LOG(ERROR, C::op_add, DNSPROXY_ENOMEMORY, C::msg_memory);
         DNSPROXY_RETURN(C::op_add, DNSPROXY_ENOMEMORY);
     }
+    *e = {};
     e->timeout = dnsproxy_data.dnsproxyCacheTimeout;
     e->port = host.port;
     e->id = host.id;
     e->new_id = new_id;
     C::set_host(e, host);
+    e->hostHash = hash_host<C>(&host);
     memcpy(e->ifname, ifname, strnlen(ifname, sizeof e->ifname - 1));
     e->dnsIndex = dnsIndex;
 

@@ -14,26 +14,30 @@ namespace {
 constexpr int32_t default_buckets = 256;
 constexpr uint32_t smallest_capacity = 4;
 
-// `block` holds `capacity` hashes, which a look-up reads first, then as many record pointers. Both arrays are
-// in the order of addition and hold [first, end): records mostly leave in the order in which they came, and
-// then nothing is moved. The numbers stand in the table itself, which the caches hold, not in the block: what
-// an operation waits for in a large table is one access to memory, not two in turn. The capacity is a
-// multiple of 4.
+// Entries [first, end), in the order of addition: records mostly leave in the order in which they came, and
+// then nothing is moved. A bucket that has held no more than one record since it was last empty keeps it in
+// itself (capacity 0): most buckets never need more, and what an operation waits for in a large table is
+// memory that it has not touched for a while. Otherwise `block` holds `capacity` hashes, which a look-up
+// reads first, then as many record pointers. The capacity is a multiple of 4.
 struct bucket {
-    void *block; // nullptr: never used
+    union {
+        void *record;
+        void *block;
+    };
+    uint32_t hash; // of `record`
     uint32_t first;
     uint32_t end;
     uint32_t capacity;
 };
 
-uint32_t *hashes_of(const bucket *b)
+uint32_t *hashes_of(bucket *b)
 {
-    return static_cast<uint32_t *>(b->block);
+    return b->capacity == 0 ? &b->hash : static_cast<uint32_t *>(b->block);
 }
 
-void **records_of(const bucket *b)
+void **records_of(bucket *b)
 {
-    return reinterpret_cast<void **>(hashes_of(b) + b->capacity);
+    return b->capacity == 0 ? &b->record : reinterpret_cast<void **>(hashes_of(b) + b->capacity);
 }
 
 uint32_t count_of(const bucket *b)
@@ -46,20 +50,25 @@ uint32_t grown(uint32_t capacity)
     return capacity < 8 ? capacity + smallest_capacity : (capacity + capacity / 2 + 3) / 4 * 4;
 }
 
-// Gives the bucket another capacity; 0, or -1 without memory.
+void free_block(bucket *b)
+{
+    if (b->capacity != 0)
+        free(b->block);
+}
+
+// Gives the bucket a block of another capacity; 0, or -1 without memory.
 int resize(bucket *b, uint32_t capacity)
 {
     bucket resized = {.block = malloc(capacity * (sizeof(uint32_t) + sizeof(void *))),
+                      .hash = 0,
                       .first = 0,
                       .end = count_of(b),
                       .capacity = capacity};
     if (resized.block == nullptr)
         return -1;
-    if (b->block != nullptr) {
-        memcpy(hashes_of(&resized), hashes_of(b) + b->first, resized.end * sizeof(uint32_t));
-        memcpy(records_of(&resized), records_of(b) + b->first, resized.end * sizeof(void *));
-        free(b->block);
-    }
+    memcpy(hashes_of(&resized), hashes_of(b) + b->first, resized.end * sizeof(uint32_t));
+    memcpy(records_of(&resized), records_of(b) + b->first, resized.end * sizeof(void *));
+    free_block(b);
     *b = resized;
     return 0;
 }
@@ -81,7 +90,7 @@ void move_down(bucket *b, uint32_t to, uint32_t from)
 // quarter of it, so that an addition costs the same however many records the bucket holds.
 int make_room(bucket *b)
 {
-    if (b->end < b->capacity)
+    if (b->end < b->capacity || b->end == 0)
         return 0;
     if (b->first == 0 || b->first < b->capacity / 4)
         return resize(b, grown(b->capacity));
@@ -90,7 +99,7 @@ int make_room(bucket *b)
     return 0;
 }
 
-uint32_t draw_secret()
+[[gnu::cold, gnu::noinline]] uint32_t draw_secret()
 {
     uint32_t drawn = 0;
     if (getrandom(&drawn, sizeof drawn, GRND_NONBLOCK) != sizeof drawn) {
@@ -103,6 +112,21 @@ uint32_t draw_secret()
 }
 
 uint32_t secret;
+
+[[gnu::noinline]] uint32_t hash_of_any_length(const void *bytes, uint32_t length, uint32_t seed)
+{
+    return XXH32(bytes, length, seed);
+}
+
+// The last step of XXH32: every bit of the result depends on every bit of the value.
+uint32_t scatter(uint32_t value)
+{
+    constexpr uint32_t prime2 = 0x85ebca77;
+    constexpr uint32_t prime3 = 0xc2b2ae3d;
+    value = (value ^ value >> 15) * prime2;
+    value = (value ^ value >> 13) * prime3;
+    return value ^ value >> 16;
+}
 
 } // namespace
 
@@ -148,11 +172,18 @@ uint32_t ipcom_hash_update(const void *bytes, uint32_t length, uint32_t initial)
 {
     if (secret == 0) [[unlikely]]
         secret = draw_secret();
-    if (length != sizeof(uint16_t))
-        return XXH32(bytes, length, initial ^ secret);
-    uint16_t value = 0;
-    memcpy(&value, bytes, sizeof value);
-    return XXH32(&initial, sizeof initial, secret) + value;
+    const uint32_t seed = initial ^ secret;
+    switch (length) {
+    case sizeof(uint16_t): {
+        uint16_t value = 0;
+        memcpy(&value, bytes, sizeof value);
+        return scatter(seed) + value;
+    }
+    case sizeof(uint64_t):
+        return XXH32(bytes, sizeof(uint64_t), seed); // of a known length: a fraction of the general form
+    default:
+        return hash_of_any_length(bytes, length, seed);
+    }
 }
 
 int ipcom_hash_add(ipcom_hash *table, void *record)
@@ -170,7 +201,7 @@ int ipcom_hash_add(ipcom_hash *table, void *record)
 void *ipcom_hash_get(ipcom_hash *table, const void *key)
 {
     const uint32_t hash = table->key(key);
-    const bucket *b = bucket_of(table, hash);
+    bucket *b = bucket_of(table, hash);
     const uint32_t *hashes = hashes_of(b);
     for (uint32_t i = b->end; i-- > b->first;) {
         if (hashes[i] == hash && table->cmp(records_of(b)[i], key) != 0)
@@ -192,8 +223,11 @@ int ipcom_hash_remove(ipcom_hash *table, void *record)
         b->first++;
     else
         move_down(b, at, at + 1);
-    if (b->first == b->end)
-        b->first = b->end = 0;
+    if (b->first == b->end) {
+        free_block(b);
+        *b = {};
+        return 0;
+    }
     // Memory that a flood took goes back: a large bucket shrinks when three quarters of it are empty. A
     // failure to get the smaller block only keeps the larger one.
     if (b->capacity > 2 * smallest_capacity && count_of(b) < b->capacity / 4)
@@ -206,7 +240,7 @@ void ipcom_hash_for_each(ipcom_hash *table, ipcom_hash_each_fn each, void *data)
     for (uint32_t slot = 0; slot < table->size; slot++) {
         // From the end, counting what is left and looking at the bucket anew each time: a removal by the
         // callback moves only what was visited already, and may give the bucket another block.
-        const bucket *b = &all_buckets(table)[slot];
+        bucket *b = &all_buckets(table)[slot];
         uint32_t left = count_of(b);
         while (left > 0) {
             left--;
@@ -220,6 +254,6 @@ void ipcom_hash_delete(ipcom_hash *table)
     if (table == nullptr)
         return;
     for (uint32_t slot = 0; slot < table->size; slot++)
-        free(all_buckets(table)[slot].block);
+        free_block(&all_buckets(table)[slot]);
     free(table);
 }

@@ -70,24 +70,31 @@ static ipcom_tmo2 *earliest(const ipcom_tmo2_head *head)
     return first;
 }
 
-// The latest time at which some timer must have been served: deadline plus permitted lateness.
-static int64_t wake_time(const ipcom_tmo2_head *head)
+namespace {
+
+struct schedule {
+    int64_t due;  // when the first timer falls due
+    int64_t wake; // the latest time at which some timer must have been served: deadline plus lateness
+};
+
+} // namespace
+
+static schedule schedule_of(const ipcom_tmo2_head *head)
 {
-    int64_t wake = never;
+    schedule s = {.due = never, .wake = never};
     for (const ipcom_tmo2_queue *queue = head->queues; queue != nullptr; queue = queue->next) {
         if (is_empty(queue))
             continue;
-        const int64_t latest = queue->ends.next->deadline + queue->length / lateness_divisor;
-        if (latest < wake)
-            wake = latest;
+        const int64_t deadline = queue->ends.next->deadline;
+        s.due = std::min(s.due, deadline);
+        s.wake = std::min(s.wake, deadline + queue->length / lateness_divisor);
     }
-    return wake;
+    return s;
 }
 
-static void run_due(ipcom_tmo2_head *head)
+// A timer that a callback requests has a deadline after `now` and waits.
+static void run_due(ipcom_tmo2_head *head, int64_t now)
 {
-    // One reading for the whole pass: a timer that a callback requests has a later deadline and waits.
-    const int64_t now = ipcom_tmo2_clock();
     for (;;) {
         ipcom_tmo2 *tmo = earliest(head);
         if (tmo == nullptr || tmo->deadline > now)
@@ -151,9 +158,9 @@ int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, fd_set *wr
         wait = *limit;
         timeout = &wait;
     }
-    const int64_t wake = wake_time(head);
-    if (wake != never) {
-        const int64_t left = wake - ipcom_tmo2_clock();
+    const schedule s = schedule_of(head);
+    if (s.wake != never) {
+        const int64_t left = s.wake - ipcom_tmo2_clock();
         const int64_t left_us = left <= 0 ? 0 : (left + ns_per_us - 1) / ns_per_us;
         const timeval until_wake = {.tv_sec = static_cast<time_t>(left_us / 1'000'000),
                                     .tv_usec = static_cast<suseconds_t>(left_us % 1'000'000)};
@@ -163,8 +170,12 @@ int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, fd_set *wr
         }
     }
     const int ready = select(nfds, reads, writes, exceptions, timeout);
-    const int error = errno;
-    run_due(head);
-    errno = error;
+    if (s.due != never) {
+        const int error = errno;
+        const int64_t now = ipcom_tmo2_clock();
+        if (s.due <= now)
+            run_due(head, now);
+        errno = error;
+    }
     return ready;
 }
