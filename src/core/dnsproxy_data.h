@@ -49,8 +49,9 @@ struct dnsproxy_data {
     uint16_t nextNewId = 1; // host order; the next identifier of a forwarded query, of either family
     int listenFd;
     int listenFd6;
-    int32_t specIface;         // 1: the latest query came in on a forced listen interface
-    uint8_t pendingIdMap[128]; // 1024 bits
+    bool upstreamFdsChanged = true; // since the read set of the wait was built
+    int32_t specIface;              // 1: the latest query came in on a forced listen interface
+    uint8_t pendingIdMap[128];      // 1024 bits
 
     int intfFd;
     struct if_nameindex *ifNameIndex; // nullptr: empty

@@ -24,6 +24,8 @@ struct loop {
     dnsproxy_public_msg *publicMsgBuf; // one request, reused for every one
     int publicFd;
     bool pipeServed; // by the pass before: what waits at the upstream sockets then comes first
+    fd_set reads;    // what a pass waits for, and the highest descriptor in it
+    int highest;
 };
 
 int set_up(loop *l)
@@ -49,6 +51,19 @@ int set_up(loop *l)
     return status;
 }
 
+// The read set is built anew only after an upstream socket was opened or closed: with hundreds of lines that
+// takes longer than the rest of a query.
+void refresh_reads(loop *l)
+{
+    if (!dnsproxy_data.upstreamFdsChanged) [[likely]]
+        return;
+    dnsproxy_data.upstreamFdsChanged = false;
+    FD_ZERO(&l->reads);
+    FD_SET(l->publicFd, &l->reads);
+    l->highest = l->publicFd;
+    dnsproxy_fdset_build(&l->reads, &l->highest);
+}
+
 void add_fd(int fd, fd_set *reads, int *highest)
 {
     FD_SET(fd, reads);
@@ -56,7 +71,7 @@ void add_fd(int fd, fd_set *reads, int *highest)
 }
 
 // Whether `fd` is among the `*count` ready descriptors that are left; then it is no longer.
-bool take_ready(int fd, const fd_set *ready, int *count)
+[[gnu::always_inline]] inline bool take_ready(int fd, const fd_set *ready, int *count)
 {
     if (*count <= 0 || !FD_ISSET(fd, ready))
         return false;
@@ -81,12 +96,9 @@ void serve_request_pipe(loop *l)
 // the next wait.
 void pass(loop *l)
 {
-    fd_set ready;
-    FD_ZERO(&ready);
-    int highest = -1;
-    add_fd(l->publicFd, &ready, &highest);
-    dnsproxy_fdset_build(&ready, &highest);
-    int count = ipcom_tmo2_select(dnsproxy_data.tmo2Head, highest + 1, &ready, nullptr, nullptr, nullptr);
+    refresh_reads(l);
+    fd_set ready = l->reads;
+    int count = ipcom_tmo2_select(dnsproxy_data.tmo2Head, l->highest + 1, &ready, nullptr, nullptr, nullptr);
     if (count < 1) {
         DNSPROXY_LOG(NOTICE, op, 0, "Interrupt,Msg num < 0.");
         return;
@@ -140,7 +152,8 @@ void dnsproxy_fdset_build(fd_set *reads, int *highest)
 
 int dnsproxyd()
 {
-    loop l = {.publicMsgBuf = nullptr, .publicFd = -1, .pipeServed = false};
+    loop l = {};
+    l.publicFd = -1;
     const int status = set_up(&l);
     if (status < 0) {
         DNSPROXY_LOG(ERROR, op, status, "dnsproxyd error.");

@@ -214,6 +214,8 @@ dnsproxy_server_if *dnsproxy_server_if_get(const char *ifname)
 
 void dnsproxy_server_if_make_last(dnsproxy_server_if *sif)
 {
+    if (ipcom_next(sif) == nullptr)
+        return;
     const mutex_guard lock(&dnsproxy_data.serverIfLock);
     ipcom_list_remove(&sif->link);
     ipcom_list_insert_before(&dnsproxy_data.serverIfList, &sif->link);
@@ -230,6 +232,7 @@ void dnsproxy_server_if_close(int32_t *fd, ipcom_tmo2 *idle_timer)
     if (*fd > 0) {
         ipcom_tmo2_cancel(idle_timer);
         (void)close(*fd);
+        dnsproxy_data.upstreamFdsChanged = true;
     }
     *fd = -1;
 }

@@ -6,14 +6,15 @@ namespace {
 
 constexpr int map_bits = 8 * static_cast<int>(sizeof dnsproxy_data.pendingIdMap);
 
-uint8_t *byte_of(uint16_t id)
-{
-    return &dnsproxy_data.pendingIdMap[dnsproxy_id_hash(id) % map_bits / 8];
-}
+struct bit {
+    uint8_t *byte;
+    int mask;
+};
 
-uint8_t mask_of(uint16_t id)
+bit bit_of(uint16_t id)
 {
-    return static_cast<uint8_t>(1 << dnsproxy_id_hash(id) % 8);
+    const int hash = dnsproxy_id_hash(id);
+    return {.byte = &dnsproxy_data.pendingIdMap[hash % map_bits / 8], .mask = 1 << hash % 8};
 }
 
 } // namespace
@@ -28,15 +29,18 @@ int dnsproxy_id_hash(uint16_t id)
 
 void dnsproxy_pending_id_set(uint16_t id)
 {
-    *byte_of(id) |= mask_of(id);
+    const bit b = bit_of(id);
+    *b.byte = static_cast<uint8_t>(*b.byte | b.mask);
 }
 
 int dnsproxy_pending_id_test(uint16_t id)
 {
-    return *byte_of(id) & mask_of(id);
+    const bit b = bit_of(id);
+    return *b.byte & b.mask;
 }
 
 void dnsproxy_pending_id_clear(uint16_t id)
 {
-    *byte_of(id) &= static_cast<uint8_t>(~mask_of(id));
+    const bit b = bit_of(id);
+    *b.byte = static_cast<uint8_t>(*b.byte & ~b.mask);
 }

@@ -177,6 +177,8 @@ template <class F> int open_upstream_socket(dnsproxy_server_if *sif)
     const int armed = start_idle_time<F>(sif);
     if (armed < 0)
         close_fd(fd);
+    else
+        dnsproxy_data.upstreamFdsChanged = true;
     return armed;
 }
 

@@ -82,10 +82,8 @@ template <class F> bool serve(const dnsproxy_server_if *sif, const fd_set *ready
     DNSPROXY_LOG(DEBUG, op, 0, F::msg_reply, sif->ifname);
     uint8_t message[DNSPROXY_MESSAGE_SIZE];
     memset(message, 0, DNSPROXY_HEADER_SIZE); // a short reply has no flags
-    typename F::sockaddr_type sender = {};
-    socklen_t sender_length = sizeof sender;
-    const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT,
-                                 reinterpret_cast<sockaddr *>(&sender), &sender_length);
+    // Whoever sent it: a reply is matched by its identifier alone.
+    const ssize_t got = recv(fd, message, sizeof message, MSG_DONTWAIT);
     if (got < 0) {
         DNSPROXY_LOG(ERROR, op, static_cast<int>(got), F::msg_recv, sif->ifname);
         return false;

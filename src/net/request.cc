@@ -168,7 +168,11 @@ struct request_v6 : ipv6 {
 
 bool begins_with(const char *text, const char *head)
 {
-    return strncmp(text, head, strlen(head)) == 0;
+    while (*head != '\0' && *text == *head) {
+        text++;
+        head++;
+    }
+    return *head == '\0';
 }
 
 // Receives one datagram with the device that it came in on; false: nothing was received.
