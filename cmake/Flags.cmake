@@ -3,14 +3,16 @@ add_library(dnsproxyd_common INTERFACE)
 target_compile_options(dnsproxyd_common INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 if(DNSPROXYD_SANITIZE)
-    # No vptr check: it needs run-time type information, which the daemon is built without.
+    # No vptr and function checks: they need run-time type information and a part of clang's library for C++,
+    # which the daemon is built without.
     target_compile_options(dnsproxyd_common INTERFACE
         -fsanitize=${DNSPROXYD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
         # The instrumentation makes g++ see uses of the library's uninitialised members that are none.
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
     target_link_options(dnsproxyd_common INTERFACE -fsanitize=${DNSPROXYD_SANITIZE})
     if(DNSPROXYD_SANITIZE MATCHES "undefined")
-        target_compile_options(dnsproxyd_common INTERFACE -fno-sanitize=vptr)
+        target_compile_options(dnsproxyd_common INTERFACE
+            -fno-sanitize=vptr $<$<CXX_COMPILER_ID:Clang>:-fno-sanitize=function>)
     endif()
 endif()
 
