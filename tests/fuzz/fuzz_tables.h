@@ -25,15 +25,20 @@ public:
         while (auto *lif = ipcom_first<dnsproxy_listen_if>(dnsproxy_data.listenIfList))
             FUZZ_CHECK(dnsproxy_listen_if_destroy(std::string(lif->ifname_receive).c_str()) == 0);
         // No timer of a record that has gone is left to run.
-        constexpr timeval at_once = {};
-        fake_clock::advance_ms(24 * 60 * 60 * 1000);
-        (void)ipcom_tmo2_select(dnsproxy_data.tmo2Head, 0, nullptr, nullptr, nullptr, &at_once);
+        pass_time_ms(24 * 60 * 60 * 1000);
         dnsproxy_if_deinit();
         dnsproxy_data_deinit();
         FUZZ_CHECK(lowest_free_fd() == first_free_fd_);
     }
     fuzz_tables(const fuzz_tables &) = delete;
     fuzz_tables &operator=(const fuzz_tables &) = delete;
+
+    static void pass_time_ms(int64_t ms)
+    {
+        constexpr timeval at_once = {};
+        fake_clock::advance_ms(ms);
+        (void)ipcom_tmo2_select(dnsproxy_data.tmo2Head, 0, nullptr, nullptr, nullptr, &at_once);
+    }
 
     static void add_line(const char *ifname)
     {
