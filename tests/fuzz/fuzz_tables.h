@@ -69,6 +69,18 @@ public:
         FUZZ_CHECK(memchr(dnsproxy_data.pppoesIfname, '\0', IF_NAMESIZE) != nullptr);
     }
 
+    // Where every line was entered before the first change of a link state.
+    static void check_link_states()
+    {
+        bool all_down = true;
+        for (const auto *sif = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList); sif != nullptr;
+             sif = ipcom_next(sif)) {
+            FUZZ_CHECK(sif->is_down <= 1);
+            all_down = all_down && sif->is_down == 1;
+        }
+        FUZZ_CHECK(server_if_all_down() == all_down);
+    }
+
 private:
     static int lowest_free_fd()
     {

@@ -13,13 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         fuzz_tables::add_line(ifname);
     FUZZ_CHECK(dnsproxy_load_server_dev_state() == 0);
     FUZZ_CHECK(dnsproxy_data.serverIfList.size == 3);
-    bool all_down = true;
-    for (const auto *sif = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList); sif != nullptr;
-         sif = ipcom_next(sif)) {
-        FUZZ_CHECK(sif->is_down <= 1);
-        all_down = all_down && sif->is_down == 1;
-    }
-    FUZZ_CHECK(server_if_all_down() == all_down);
+    fuzz_tables::check_link_states();
     (void)dnsproxy_if_show();
     return 0;
 }
