@@ -17,7 +17,8 @@ if(DNSPROXYD_SANITIZE)
 endif()
 
 # No run-time part of the C++ library: the programs are linked by the C compiler (LINKER_LANGUAGE C), so
-# whatever would need one does not link.
+# whatever would need one does not link. CMake would add the run-time library of the objects' language.
+set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
 add_library(dnsproxyd_shipped INTERFACE)
 target_link_libraries(dnsproxyd_shipped INTERFACE dnsproxyd_common)
 target_compile_definitions(dnsproxyd_shipped INTERFACE _GNU_SOURCE)
