@@ -15,6 +15,10 @@ if(DNSPROXYD_SANITIZE)
             -fno-sanitize=vptr $<$<CXX_COMPILER_ID:Clang>:-fno-sanitize=function>)
     endif()
 endif()
+if(DNSPROXYD_COVERAGE)
+    target_compile_options(dnsproxyd_common INTERFACE --coverage -fprofile-abs-path -fprofile-update=atomic)
+    target_link_options(dnsproxyd_common INTERFACE --coverage)
+endif()
 
 # No run-time part of the C++ library: the programs are linked by the C compiler (LINKER_LANGUAGE C), so
 # whatever would need one does not link. CMake would add the run-time library of the objects' language.
@@ -24,7 +28,7 @@ target_link_libraries(dnsproxyd_shipped INTERFACE dnsproxyd_common)
 target_compile_definitions(dnsproxyd_shipped INTERFACE _GNU_SOURCE)
 target_compile_options(dnsproxyd_shipped INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
-if(NOT DNSPROXYD_SANITIZE)
+if(NOT DNSPROXYD_SANITIZE AND NOT DNSPROXYD_COVERAGE)
     target_compile_options(dnsproxyd_shipped INTERFACE
         -ffunction-sections -fdata-sections -fno-asynchronous-unwind-tables -fstack-protector-strong
         $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)

@@ -1,0 +1,330 @@
+// Every call that can fail, failing once: the first time that it is made, the second time, and so on.
+// Start-up must end, stay or serve as it should, and a daemon that serves must be whole again with the next
+// query.
+
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <net/if.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "config/online_state.h"
+#include "control/public_api.h"
+#include "core/event_loop.h"
+#include "core/platform/qxcom_nmpipe.h"
+#include "iface/if_show.h"
+#include "net/intf_monitor.h"
+#include "net/proxy_socket.h"
+#include "net/request.h"
+#include "tests/support/daemon_state.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
+
+namespace {
+
+[[maybe_unused]] const bool in_sandbox = require_sandbox();
+
+struct {
+    std::string call;
+    int left; // calls that succeed before it fails
+    bool hit;
+} fault = {"", -1, false};
+
+bool fails(const char *call)
+{
+    if (fault.left < 0 || fault.call != call || fault.left-- > 0)
+        return false;
+    fault.hit = true;
+    errno = ENOMEM;
+    return true;
+}
+
+void fail_after(const std::string &call, int left)
+{
+    fault = {call, left, false};
+}
+
+bool exits_when_serving;
+enum outcome { SERVES = 10, SERVES_UNTOUCHED, STAYS, ENDS };
+
+} // namespace
+
+// FAILING(result, name, value when it fails, parameters, arguments)
+#define FAILING(type, name, failure, parameters, arguments)                                                  \
+    extern "C" type __real_##name parameters;                                                                \
+    extern "C" type __wrap_##name parameters                                                                 \
+    {                                                                                                        \
+        return fails(#name) ? failure : __real_##name arguments;                                             \
+    }
+
+FAILING(void *, malloc, nullptr, (size_t size), (size))
+FAILING(void *, calloc, nullptr, (size_t count, size_t size), (count, size))
+FAILING(int, socket, -1, (int family, int type, int protocol), (family, type, protocol))
+FAILING(int, bind, -1, (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
+FAILING(int, setsockopt, -1, (int fd, int level, int name, const void *value, socklen_t length),
+        (fd, level, name, value, length))
+FAILING(struct if_nameindex *, if_nameindex, nullptr, (), ())
+FAILING(FILE *, popen, nullptr, (const char *command, const char *mode), (command, mode))
+FAILING(FILE *, fopen, nullptr, (const char *path, const char *mode), (path, mode))
+FAILING(FILE *, open_memstream, nullptr, (char **text, size_t *length), (text, length))
+FAILING(int, mkdir, -1, (const char *path, mode_t mode), (path, mode))
+FAILING(int, mkfifoat, -1, (int folder, const char *name, mode_t mode), (folder, name, mode))
+FAILING(ssize_t, sendto, -1,
+        (int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length),
+        (fd, data, size, flags, to, length))
+FAILING(ssize_t, recvmsg, -1, (int fd, msghdr *message, int flags), (fd, message, flags))
+FAILING(ssize_t, getrandom, -1, (void *data, size_t size, unsigned flags), (data, size, flags))
+
+// Those on standard output are the log's.
+extern "C" int __real_fstat(int fd, struct stat *status);
+extern "C" int __wrap_fstat(int fd, struct stat *status)
+{
+    return fd != STDOUT_FILENO && fails("fstat") ? -1 : __real_fstat(fd, status);
+}
+
+extern "C" ssize_t __real_write(int fd, const void *data, size_t size);
+extern "C" ssize_t __wrap_write(int fd, const void *data, size_t size)
+{
+    return fd != STDOUT_FILENO && fails("write") ? -1 : __real_write(fd, data, size);
+}
+
+extern "C" int __real_openat(int folder, const char *name, int flags, ...);
+extern "C" int __wrap_openat(int folder, const char *name, int flags, ...)
+{
+    return fails("openat") ? -1 : __real_openat(folder, name, flags);
+}
+
+// What openat is called in fortified code.
+extern "C" int __wrap___openat_2(int folder, const char *name, int flags)
+{
+    return fails("openat") ? -1 : __real_openat(folder, name, flags);
+}
+
+extern "C" int __real_select(int count, fd_set *reads, fd_set *writes, fd_set *exceptions, timeval *timeout);
+extern "C" int __wrap_select(int count, fd_set *reads, fd_set *writes, fd_set *exceptions, timeval *timeout)
+{
+    if (exits_when_serving) {
+        fault.left = -1;
+        exit(fault.hit ? SERVES : SERVES_UNTOUCHED);
+    }
+    return __real_select(count, reads, writes, exceptions, timeout);
+}
+
+// The bus has threads and tests of its own.
+extern "C" int __wrap_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *)
+{
+    return EAGAIN;
+}
+
+namespace {
+
+void write_files()
+{
+    const auto write = [](const std::string &path, const std::string &text) {
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        std::ofstream(path) << text;
+    };
+    write("/lib/zone/zone_api.sh", "zone_iface_to_userif() { echo $1; }\n"
+                                   "zone_get_effect_devices() { echo $1; }\n");
+    write("/etc/config/dns",
+          "config rule\n option name a\n option service_if lan1\n"
+          "config rule\n option service_if lan2\n option force_if on\n option out_if wan1\n");
+    write("/tmp/resolv.conf.auto",
+          "#Interface wan1\nnameserver 10.0.1.53\n#Interface wan2\nnameserver fd00::1\n");
+    write("/tmp/online/state", "wan1=off\n");
+}
+
+// In a process of its own, which a leak check may end as well.
+int start_with(const std::string &call, int left)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        (void)!freopen("/dev/null", "w", stdout);
+        dnsproxy_data = {};
+        dnsproxy_data.logLevel = DNSPROXY_LOG_TRACE;
+        exits_when_serving = true;
+        fail_after(call, left);
+        const int status = dnsproxy_start();
+        fault.left = -1;
+        if (status < 0)
+            dnsproxy_cleanup();
+        exit(status < 0 ? ENDS : STAYS);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(start, ends_stays_or_serves_when_a_call_fails)
+{
+    write_files();
+    // In the order of the calls, however many there are of a kind: e it ends, - it stays without serving, s
+    // it serves.
+    static constexpr struct {
+        const char *call;
+        const char *outcomes;
+    } rows[] = {
+        {"calloc", "es-"},   {"malloc", "s"},       {"socket", "-"},   {"bind", "-"},
+        {"setsockopt", "-"}, {"mkdir", "e"},        {"mkfifoat", "e"}, {"openat", "e-"},
+        {"fstat", "e-"},     {"if_nameindex", "s"}, {"popen", "s"},    {"open_memstream", "s"},
+        {"fopen", "s"},      {"getrandom", "s"},
+    };
+    for (const auto &row : rows) {
+        std::string outcomes;
+        for (int left = 0; left < 200; left++) {
+            const int outcome = start_with(row.call, left);
+            if (outcome == SERVES_UNTOUCHED)
+                break;
+            const char letter = outcome == SERVES  ? 's'
+                                : outcome == STAYS ? '-'
+                                : outcome == ENDS  ? 'e'
+                                                   : '!';
+            if (!outcomes.ends_with(letter))
+                outcomes += letter;
+        }
+        EXPECT_EQ(outcomes, row.outcomes) << row.call;
+    }
+}
+
+// A daemon that serves the loopback, with a line that takes what is sent and answers nothing.
+class at_work : public daemon_state {
+protected:
+    at_work()
+    {
+        EXPECT_EQ(
+            system("ip link add wan1 type bridge && ip link set wan1 up && "
+                   "ip address add 10.0.1.1/24 dev wan1 && ip address add fd00:a:1::1/64 dev wan1 nodad"),
+            0);
+        signal(SIGPIPE, SIG_IGN);
+        EXPECT_GE(dnsproxy_pipe_init(), 0);
+        EXPECT_EQ(dnsproxy_listen_socket_open(), 0);
+        EXPECT_EQ(dnsproxy_intf_socket_open(), 0);
+        host_ = socket(AF_INET, SOCK_DGRAM, 0);
+        host6_ = socket(AF_INET6, SOCK_DGRAM, 0);
+        EXPECT_EQ(qxcom_nmpipe_create("replies", 64, sizeof(dnsproxy_public_msg)), 0);
+    }
+    ~at_work() override
+    {
+        for (const int fd :
+             {host_, host6_, dnsproxy_data.listenFd, dnsproxy_data.listenFd6, dnsproxy_data.intfFd})
+            close(fd);
+        if (dnsproxy_data.ifNameIndex != nullptr)
+            if_freenameindex(dnsproxy_data.ifNameIndex);
+        qxcom_nmpipe_delete("replies");
+        EXPECT_EQ(system("ip link delete wan1"), 0);
+    }
+
+    void ask()
+    {
+        std::string query(12, '\0');
+        const uint16_t id = id_++;
+        memcpy(query.data(), &id, sizeof id);
+        sockaddr_in to = {.sin_family = AF_INET,
+                          .sin_port = htons(53),
+                          .sin_addr = {htonl(INADDR_LOOPBACK)},
+                          .sin_zero = {}};
+        sockaddr_in6 to6 = {};
+        to6.sin6_family = AF_INET6;
+        to6.sin6_port = htons(53);
+        to6.sin6_addr = in6addr_loopback;
+        (void)__real_sendto(host_, query.data(), query.size(), 0, reinterpret_cast<sockaddr *>(&to),
+                            sizeof to);
+        (void)dnsproxy_listen_socket_recv();
+        (void)__real_sendto(host6_, query.data(), query.size(), 0, reinterpret_cast<sockaddr *>(&to6),
+                            sizeof to6);
+        (void)dnsproxy_listen_socket_recv_v6();
+    }
+
+    // One request, as the event loop serves it.
+    static int request(uint32_t op, const char *ifname = "wan1")
+    {
+        dnsproxy_public_msg msg = {};
+        msg.op = op;
+        strcpy(msg.ifname, ifname);
+        strcpy(msg.pipeName, "replies");
+        msg.dnsFlag = msg.dns2Flag = 1;
+        msg.dns = inet_addr("10.0.1.53");
+        msg.dns6 = address6("fd00:a:1::53");
+        return dnsproxy_public_read(&msg);
+    }
+
+    // Everything that a daemon does, from a table without lines to a table without lines.
+    void day()
+    {
+        (void)dnsproxy_listen_if_new("lo", 0, nullptr, 0);
+        (void)request(DNSPROXY_DNS_SERVER_ADD);
+        ask();
+        (void)dnsproxy_listen_if_set("lo", 1, "wan1");
+        ask();
+        for (const uint32_t op : {DNSPROXY_DNS_SERVER_GET, DNSPROXY_DNS_SERVER_SET,
+                                  DNSPROXY_DNS_SERVER_GETADDRS, DNSPROXY_DNS_SERVER_GETIFS})
+            (void)request(op);
+        dnsproxy_cache_show();
+        in_flight_[0] = dnsproxy_data.cacheList.size;
+        in_flight_[1] = dnsproxy_data.cacheList6.size;
+        pass_time_ms(10000);
+        pass_time_ms(60000);
+        (void)request(DNSPROXY_DNS_SERVER_DEL);
+        (void)dnsproxy_listen_if_destroy("lo");
+        drain();
+    }
+
+    static void drain()
+    {
+        char bytes[4096];
+        const int fd = open("/var/run/nmpipe/replies", O_RDONLY | O_NONBLOCK);
+        while (read(fd, bytes, sizeof bytes) > 0) {
+        }
+        close(fd);
+    }
+
+    static std::ptrdiff_t descriptors()
+    {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    }
+
+    int host_ = -1, host6_ = -1;
+    int in_flight_[2] = {};
+    uint16_t id_ = 1;
+};
+
+TEST_F(at_work, is_whole_again_after_a_call_that_failed)
+{
+    write_files();
+    log_capture capture;
+    day();
+    const auto open_before = descriptors();
+    std::map<std::string, int> made;
+    for (const std::string call : {"calloc", "malloc", "socket", "setsockopt", "popen", "fopen",
+                                   "open_memstream", "openat", "fstat", "sendto", "recvmsg", "write"}) {
+        for (int left = 0; left < 500; left++) {
+            fail_after(call, left);
+            day();
+            const bool hit = fault.hit;
+            fault.left = -1;
+            if (!hit)
+                break;
+            made[call]++;
+            // What was left behind by a failure goes as everything does; nobody has to clear it up.
+            (void)request(DNSPROXY_DNS_SERVER_DEL);
+            (void)dnsproxy_listen_if_destroy("lo");
+            for (int i = 0; i < 9; i++)
+                ask();
+            pass_time_ms(10000);
+            drain();
+            EXPECT_EQ(descriptors(), open_before) << call << " " << left;
+            day();
+            EXPECT_EQ(in_flight_[0], 2) << call << " " << left;
+            EXPECT_EQ(in_flight_[1], 3)
+                << call << " " << left; // a query of the router itself goes to both families
+        }
+        EXPECT_GE(made[call], 1) << call;
+    }
+}
+
+} // namespace
