@@ -26,8 +26,16 @@ bool lost_again;   // and has lost its connection meanwhile
 
 void end_process(int number)
 {
-    (void)signal(number, SIG_DFL);
-    (void)raise(number);
+    // It ends with the first round, unless the library takes the default action for its own between the
+    // calls.
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, number);
+    (void)pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+    for (;;) {
+        (void)signal(number, SIG_DFL);
+        (void)raise(number);
+    }
 }
 
 // The bus library takes over SIGINT, SIGTERM and SIGCHLD while it connects, if they have their default
