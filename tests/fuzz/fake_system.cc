@@ -1,0 +1,399 @@
+#include "tests/fuzz/fake_system.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include "core/dnsproxy_data.h"
+#include "core/platform/nms_event.h"
+#include "core/platform/qxcom_nmpipe.h"
+
+fake_system sys;
+const char reply_pipe[] = "reply";
+
+void must(bool holds, const char *law)
+{
+    if (holds)
+        return;
+    (void)fprintf(stderr, "a law does not hold: %s\n", law);
+    abort();
+}
+
+const device *fake_system::find_device(const std::string &name) const
+{
+    const auto d = std::find_if(devices.begin(), devices.end(),
+                                [&](const device &each) { return each.present && each.name == name; });
+    return d == devices.end() ? nullptr : &*d;
+}
+
+const device *fake_system::find_device(int index) const
+{
+    const auto d = std::find_if(devices.begin(), devices.end(),
+                                [&](const device &each) { return each.present && each.index == index; });
+    return d == devices.end() ? nullptr : &*d;
+}
+
+size_t fake_system::waiting() const
+{
+    size_t count = 0;
+    for (const auto &[fd, file] : files)
+        count += file.waiting.size();
+    return count;
+}
+
+namespace {
+
+constexpr int first_fd = 512; // above every real one
+
+int fail(int error)
+{
+    errno = error;
+    return -1;
+}
+
+// The lowest number that is free, as the kernel does it: numbers of closed files come again at once.
+int open_fd(open_file file)
+{
+    int fd = sys.faults.high_descriptors ? FD_SETSIZE : first_fd;
+    while (sys.files.contains(fd))
+        fd++;
+    sys.files[fd] = std::move(file);
+    return fd;
+}
+
+bool memory_left()
+{
+    if (sys.allocations_left < 0 || sys.allocations_left-- > 0)
+        return true;
+    sys.allocation_failed = true;
+    errno = ENOMEM;
+    return false;
+}
+
+void *keep(void *block, size_t size)
+{
+    if (block != nullptr && sys.wait != nullptr)
+        sys.blocks[block] = size;
+    return block;
+}
+
+template <class T> void put(void *to, const T &value)
+{
+    memcpy(to, &value, sizeof value);
+}
+
+socklen_t put_peer(const peer &from, sockaddr *to)
+{
+    if (from.v6) {
+        sockaddr_in6 a = {};
+        a.sin6_family = AF_INET6;
+        a.sin6_port = from.port;
+        memcpy(&a.sin6_addr, from.address.data(), sizeof a.sin6_addr);
+        put(to, a);
+        return sizeof a;
+    }
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_port = from.port;
+    memcpy(&a.sin_addr, from.address.data(), sizeof a.sin_addr);
+    put(to, a);
+    return sizeof a;
+}
+
+peer get_peer(const sockaddr *from, socklen_t length)
+{
+    if (from->sa_family == AF_INET6) {
+        must(length == sizeof(sockaddr_in6), "an IPv6 address has its length");
+        sockaddr_in6 a;
+        memcpy(&a, from, sizeof a);
+        return {true, {reinterpret_cast<char *>(&a.sin6_addr), sizeof a.sin6_addr}, a.sin6_port};
+    }
+    must(from->sa_family == AF_INET && length == sizeof(sockaddr_in), "an IPv4 address has its length");
+    sockaddr_in a;
+    memcpy(&a, from, sizeof a);
+    return {false, {reinterpret_cast<char *>(&a.sin_addr), sizeof a.sin_addr}, a.sin_port};
+}
+
+// The next datagram of a file, cut to the buffer as the kernel does it.
+ssize_t take(int fd, datagram *d, void *buffer, size_t size)
+{
+    const auto file = sys.files.find(fd);
+    if (file == sys.files.end())
+        return fail(EBADF);
+    if (file->second.waiting.empty())
+        return fail(EAGAIN);
+    *d = std::move(file->second.waiting.front());
+    file->second.waiting.pop_front();
+    const size_t length = std::min(size, d->bytes.size());
+    memcpy(buffer, d->bytes.data(), length);
+    sys.received(fd, *d);
+    return static_cast<ssize_t>(length);
+}
+
+template <class Info> size_t put_control(msghdr *header, int level, int type, const Info &info)
+{
+    cmsghdr *c = CMSG_FIRSTHDR(header);
+    must(c != nullptr && header->msg_controllen >= CMSG_SPACE(sizeof info), "there is room for the device");
+    c->cmsg_level = level;
+    c->cmsg_type = type;
+    c->cmsg_len = CMSG_LEN(sizeof info);
+    put(CMSG_DATA(c), info);
+    return CMSG_SPACE(sizeof info);
+}
+
+// The kernel's answer on a socket whose device has gone, or is another one of the same name.
+bool is_dead(const open_file &file)
+{
+    return file.ifindex != 0 && sys.find_device(file.ifindex) == nullptr;
+}
+
+FILE *open_text(std::string text)
+{
+    sys.file_text = std::move(text);
+    if (sys.file_text.empty())
+        return fopen("/dev/null", "re");
+    return fmemopen(sys.file_text.data(), sys.file_text.size(), "r");
+}
+
+} // namespace
+
+extern "C" {
+FILE *__real_fopen(const char *path, const char *mode);
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
+void __real_free(void *block);
+int __real_close(int fd);
+int __real_ioctl(int fd, unsigned long request, ...);
+int __real_select(int nfds, fd_set *reads, fd_set *writes, fd_set *exceptions, timeval *limit);
+
+void *__wrap_malloc(size_t size)
+{
+    return memory_left() ? keep(__real_malloc(size), size) : nullptr;
+}
+
+void *__wrap_calloc(size_t count, size_t size)
+{
+    return memory_left() ? keep(__real_calloc(count, size), count * size) : nullptr;
+}
+
+void __wrap_free(void *block)
+{
+    if (sys.wait != nullptr)
+        sys.blocks.erase(block);
+    __real_free(block);
+}
+
+int __wrap_select(int nfds, fd_set *reads, fd_set *writes, fd_set *exceptions, timeval *limit)
+{
+    return sys.wait == nullptr ? __real_select(nfds, reads, writes, exceptions, limit)
+                               : sys.wait(reads, limit);
+}
+
+int __wrap_socket(int family, int type, int)
+{
+    must((type & SOCK_CLOEXEC) != 0, "children of the daemon get none of its sockets");
+    return sys.faults.no_descriptors ? fail(EMFILE) : open_fd({.family = family});
+}
+
+int __wrap_bind(int, const sockaddr *, socklen_t)
+{
+    return 0;
+}
+
+int __wrap_setsockopt(int fd, int level, int name, const void *value, socklen_t)
+{
+    if (level != SOL_SOCKET || name != SO_BINDTODEVICE)
+        return 0;
+    const device *d = sys.find_device(static_cast<const char *>(value));
+    if (d == nullptr)
+        return fail(ENODEV);
+    sys.files.at(fd).device = d->name;
+    sys.files.at(fd).ifindex = d->index;
+    return 0;
+}
+
+int __wrap_getsockopt(int fd, int, int, void *value, socklen_t *length)
+{
+    const open_file &file = sys.files.at(fd);
+    if (is_dead(file))
+        return fail(ENODEV);
+    (void)snprintf(static_cast<char *>(value), *length, "%s", file.device.c_str());
+    *length = static_cast<socklen_t>(file.device.size() + 1);
+    return 0;
+}
+
+int __wrap_close(int fd)
+{
+    if (fd < first_fd)
+        return __real_close(fd);
+    must(sys.files.erase(fd) == 1, "only open descriptors are closed");
+    return 0;
+}
+
+ssize_t __wrap_sendto(int fd, const void *bytes, size_t length, int flags, const sockaddr *to,
+                      socklen_t to_length)
+{
+    must((flags & MSG_DONTWAIT) != 0, "no send waits");
+    must(sys.files.contains(fd), "what is sent is sent by an open socket");
+    const open_file &file = sys.files.at(fd);
+    const bool upstream = !file.device.empty();
+    const peer destination = get_peer(to, to_length);
+    must(destination.v6 == (file.family == AF_INET6), "a socket sends to addresses of its family");
+    auto sent = static_cast<ssize_t>(length);
+    if (is_dead(file))
+        sent = fail(destination.v6 ? ENETUNREACH : ENODEV);
+    else if (upstream ? sys.faults.upstream_unreachable : sys.faults.hosts_unreachable)
+        sent = fail(ENETUNREACH);
+    sys.sendings.push_back({.device = file.device,
+                            .to = destination,
+                            .bytes = {static_cast<const char *>(bytes), length},
+                            .sent = sent == static_cast<ssize_t>(length)});
+    return sent;
+}
+
+ssize_t __wrap_recvfrom(int fd, void *buffer, size_t size, int flags, sockaddr *from, socklen_t *from_length)
+{
+    must((flags & MSG_DONTWAIT) != 0, "no receive waits");
+    datagram d;
+    const ssize_t length = take(fd, &d, buffer, size);
+    if (length >= 0)
+        *from_length = put_peer(d.from, from);
+    return length;
+}
+
+ssize_t __wrap_recvmsg(int fd, msghdr *header, int flags)
+{
+    must((flags & MSG_DONTWAIT) != 0, "no receive waits");
+    datagram d;
+    const ssize_t length = take(fd, &d, header->msg_iov->iov_base, header->msg_iov->iov_len);
+    if (length < 0 || fd == dnsproxy_data.intfFd)
+        return length;
+    header->msg_namelen = put_peer(d.from, static_cast<sockaddr *>(header->msg_name));
+    const int other = d.told == arrival::told_otherwise ? 1 : 0;
+    if (d.told == arrival::not_told)
+        header->msg_controllen = 0;
+    else if (d.from.v6)
+        header->msg_controllen =
+            put_control(header, IPPROTO_IPV6, IPV6_PKTINFO + other,
+                        in6_pktinfo{.ipi6_addr = {}, .ipi6_ifindex = static_cast<unsigned>(d.ifindex)});
+    else
+        header->msg_controllen =
+            put_control(header, IPPROTO_IP, IP_PKTINFO + other, in_pktinfo{.ipi_ifindex = d.ifindex});
+    return length;
+}
+
+int __wrap_ioctl(int fd, unsigned long request, ...)
+{
+    va_list args;
+    va_start(args, request);
+    void *argument = va_arg(args, void *);
+    va_end(args);
+    if (fd < first_fd)
+        return __real_ioctl(fd, request, argument);
+    auto *named = static_cast<ifreq *>(argument);
+    const device *d = sys.find_device(named->ifr_ifindex);
+    if (request != SIOCGIFNAME || d == nullptr)
+        return fail(ENODEV);
+    (void)snprintf(named->ifr_name, sizeof named->ifr_name, "%s", d->name.c_str());
+    return 0;
+}
+
+struct if_nameindex *__wrap_if_nameindex()
+{
+    const size_t names = (sys.devices.size() + 1) * sizeof(struct if_nameindex);
+    auto *list =
+        static_cast<struct if_nameindex *>(__wrap_calloc(1, names + sys.devices.size() * IF_NAMESIZE));
+    if (list == nullptr)
+        return nullptr;
+    char *text = reinterpret_cast<char *>(list) + names;
+    struct if_nameindex *entry = list;
+    for (const device &d : sys.devices) {
+        if (!d.present)
+            continue;
+        *entry++ = {.if_index = static_cast<unsigned>(d.index), .if_name = text};
+        (void)snprintf(text, IF_NAMESIZE, "%s", d.name.c_str());
+        text += IF_NAMESIZE;
+    }
+    return list;
+}
+
+void __wrap_if_freenameindex(struct if_nameindex *list)
+{
+    __wrap_free(list);
+}
+
+// The zone functions: WANn is wann, VPN is pt-vpn0, NAMELESS prints an empty line, others print nothing.
+FILE *__wrap_popen(const char *command, const char *)
+{
+    std::string name = strstr(command, "zone_iface_to_userif ") + strlen("zone_iface_to_userif ");
+    name.resize(name.find(')'));
+    if (name.starts_with("WAN"))
+        return open_text("wan" + name.substr(3) + "\n");
+    return open_text(name == "VPN" ? "pt-vpn0\n" : name == "NAMELESS" ? "\n" : "");
+}
+
+int __wrap_pclose(FILE *stream)
+{
+    return fclose(stream);
+}
+
+FILE *__wrap_fopen(const char *path, const char *mode)
+{
+    if (strcmp(path, "/tmp/online/state") != 0)
+        return __real_fopen(path, mode);
+    errno = ENOENT;
+    return sys.online_state.empty() ? nullptr : open_text(sys.online_state);
+}
+
+// The secret of the hash tables is always the same, so that a run can be repeated.
+ssize_t __wrap_getrandom(void *buffer, size_t length, unsigned)
+{
+    memset(buffer, 0x5a, length);
+    return static_cast<ssize_t>(length);
+}
+} // extern "C"
+
+int qxcom_nmpipe_create(const char *, int, int)
+{
+    return 0;
+}
+
+int qxcom_nmpipe_open(const char *name, int mode, int)
+{
+    if (mode == NMPIPE_READWRITE)
+        return open_fd({.kind = open_file::REQUEST_PIPE});
+    return strcmp(name, reply_pipe) == 0 ? open_fd({.kind = open_file::REPLY_PIPE}) : fail(ENOENT);
+}
+
+ptrdiff_t qxcom_nmpipe_read(int fd, void *buffer, size_t length)
+{
+    datagram d;
+    const ssize_t got = take(fd, &d, buffer, length);
+    return got < 0 ? got : static_cast<ptrdiff_t>(d.bytes.size());
+}
+
+ptrdiff_t qxcom_nmpipe_write(int, const void *buffer, size_t length)
+{
+    sys.pipe_replies.emplace_back(static_cast<const char *>(buffer), length);
+    return static_cast<ptrdiff_t>(length);
+}
+
+void qxcom_nmpipe_close(int fd)
+{
+    if (fd >= 0)
+        (void)__wrap_close(fd);
+}
+
+void qxcom_nmpipe_delete(const char *) {}
+
+int nms_event_notify(int32_t, void *, const char *)
+{
+    sys.reports++;
+    return 0;
+}

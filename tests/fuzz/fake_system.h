@@ -1,0 +1,93 @@
+// The system under the daemon, for fuzz targets: devices, sockets, pipes, files and memory that live in this
+// process and fail when they are told to. The daemon's code is linked with --wrap for what it calls
+// (fake_system.cc has the list); its named pipes and the event report are replaced as a whole. No call here
+// waits, and nothing is drawn: the same calls have the same results.
+#ifndef TESTS_FUZZ_FAKE_SYSTEM_H
+#define TESTS_FUZZ_FAKE_SYSTEM_H
+
+#include <compare>
+#include <cstdint>
+#include <deque>
+#include <dnsproxy/client.h>
+#include <map>
+#include <netinet/in.h>
+#include <string>
+#include <sys/select.h>
+#include <vector>
+
+// Says which law does not hold and ends the program.
+void must(bool holds, const char *law);
+
+struct device {
+    std::string name;
+    int index; // another one each time that the device comes back
+    bool present;
+};
+
+// The other side of a datagram.
+struct peer {
+    bool v6 = false;
+    std::string address; // 4 or 16 bytes
+    uint16_t port = 0;   // network order
+    auto operator<=>(const peer &) const = default;
+};
+
+enum class arrival { told, not_told, told_otherwise }; // how the control message names the device
+
+struct datagram {
+    std::string bytes;
+    peer from;
+    int ifindex = 0;
+    arrival told = arrival::told;
+};
+
+struct open_file {
+    enum { SOCKET, REQUEST_PIPE, REPLY_PIPE } kind = SOCKET;
+    int family = 0;
+    std::string device; // that the socket is tied to; "": none
+    int ifindex = 0;    // of that device when it was tied
+    std::deque<datagram> waiting;
+};
+
+// A datagram that the daemon handed to a socket.
+struct sending {
+    std::string device; // of the socket
+    peer to;
+    std::string bytes;
+    bool sent;
+    bool operator==(const sending &) const = default;
+};
+
+struct system_faults {
+    bool no_descriptors;       // socket() fails
+    bool high_descriptors;     // socket() gives numbers that do not fit into an fd_set
+    bool upstream_unreachable; // tied sockets cannot send
+    bool hosts_unreachable;    // other sockets cannot send
+};
+
+struct fake_system {
+    std::vector<device> devices;
+    std::map<int, open_file> files; // by descriptor
+    std::vector<sending> sendings;
+    std::vector<std::string> pipe_replies; // blocks written to the reply pipe
+    std::string online_state;              // text of the link-state file; empty: no file
+    std::string file_text;                 // behind the stream that is open; one at a time is
+    int reports = 0;                       // events reported
+    system_faults faults = {};
+    int allocations_left = -1; // until one fails; negative: none does
+    bool allocation_failed = false;
+    std::map<void *, size_t> blocks; // memory that the daemon holds
+
+    // Called by select: fills in what is ready and gives the number, and by every receive of a datagram.
+    int (*wait)(fd_set *reads, const timeval *limit) = nullptr;
+    void (*received)(int fd, const datagram &d) = nullptr;
+
+    [[nodiscard]] const device *find_device(const std::string &name) const;
+    [[nodiscard]] const device *find_device(int index) const; // nullptr also for one that is not present
+    [[nodiscard]] size_t waiting() const;                     // datagrams at all files
+};
+
+extern fake_system sys;
+extern const char reply_pipe[]; // the one that can be opened
+
+#endif

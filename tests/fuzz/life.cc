@@ -1,0 +1,392 @@
+#include "tests/fuzz/life.h"
+
+#include <algorithm>
+#include <csetjmp>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <set>
+#include <unistd.h>
+
+#include "cache/request_cache.h"
+#include "core/event_loop.h"
+#include "core/start.h"
+#include "iface/listen_if.h"
+#include "tests/fuzz/model.h"
+
+// Linked by --wrap, see fake_system.cc.
+extern "C" void __wrap_if_freenameindex(struct if_nameindex *list);
+extern "C" void __wrap_free(void *block);
+
+namespace {
+
+model expected;
+bool lines_may_change;          // a request is being served
+size_t records_before_step;     // of the model
+std::vector<ipcom_tmo2> timers; // that somebody owns
+std::set<int> descriptors;      // that lines own
+enum { RUNNING, DRAINING, ENDING } phase;
+size_t waiting_before; // datagrams at the last wait
+const std::function<bool()> *script;
+jmp_buf end_of_loop;
+
+// A list's records, and as many must be in its table.
+template <class Record> std::vector<Record *> records_of(const ipcom_list &list, ipcom_hash *table)
+{
+    std::vector<Record *> records;
+    for (auto *r = ipcom_first<Record>(list); r != nullptr; r = ipcom_next(r))
+        records.push_back(r);
+    must(list.size == static_cast<int>(records.size()), "a list's size is the number of its records");
+    size_t count = 0;
+    ipcom_hash_for_each(
+        table, [](void *, void *n) { return static_cast<int>(++*static_cast<size_t *>(n)); }, &count);
+    must(count == records.size(), "a table holds what its list holds");
+    return records;
+}
+
+peer host_of(const dnsproxy_cache_entry &e)
+{
+    const auto address = static_cast<uint32_t>(e.from);
+    return {false, {reinterpret_cast<const char *>(&address), sizeof address}, e.port};
+}
+
+peer host_of(const dnsproxy_cache_entry_v6 &e)
+{
+    if (e.from != 0)
+        return host_of(dnsproxy_cache_entry{.port = e.port, .from = e.from});
+    return {true, {reinterpret_cast<const char *>(&e.from6), sizeof e.from6}, e.port};
+}
+
+const void *find_by_host(const dnsproxy_cache_entry &e)
+{
+    return dnsproxy_entry_find(e.from, e.port, e.id);
+}
+
+const void *find_by_host(const dnsproxy_cache_entry_v6 &e)
+{
+    sockaddr_in6 client = {};
+    client.sin6_addr = e.from6;
+    return dnsproxy_entry_find_v6(e.from, &client, e.port, e.id);
+}
+
+template <class Entry>
+void check_cache(bool v6, const ipcom_list &list, ipcom_hash *hosts, ipcom_hash *ids,
+                 Entry *(*find_by_id)(uint16_t))
+{
+    std::vector<record> records;
+    std::map<uint16_t, const Entry *> by_id;
+    std::map<asker, const Entry *> by_host;
+    (void)records_of<Entry>(list, ids);
+    for (const Entry *e : records_of<Entry>(list, hosts)) {
+        must(e->tmo.queue != nullptr && e->tmo.arg == e, "a record has its timer");
+        timers.push_back(e->tmo);
+        const asker who = {host_of(*e), e->id};
+        by_id[e->new_id] = by_host[who] = e;
+        records.push_back({v6, who, e->new_id, e->ifname, e->dnsIndex, e->tmo.deadline,
+                           e->flags == DNSPROXY_ENTRY_ANSWERED});
+    }
+    for (const auto &[id, newest] : by_id)
+        must(find_by_id(id) == newest, "the newest record is found by its identifier");
+    for (const auto &[who, newest] : by_host)
+        must(find_by_host(*newest) == newest, "the newest record is found by its host");
+    // Without memory a query may have gone out unrecorded, or less far.
+    if (sys.allocation_failed) {
+        const size_t known = expected.of_family(v6).size();
+        expected.records.insert(expected.records.end(),
+                                records.begin() + static_cast<ptrdiff_t>(std::min(known, records.size())),
+                                records.end());
+    }
+    must(records == expected.of_family(v6),
+         "a query is remembered for its time: who asked, under which identifier, where it went, if answered");
+}
+
+void check_line(dnsproxy_server_if *line)
+{
+    must(dnsproxy_server_if_get(line->ifname) == line, "a line is found by its name");
+    for (const bool v6 : {false, true}) {
+        const int fd = fd_of(*line, v6);
+        must((timer_of(*line, v6).queue != nullptr) == (fd > 0), "an open socket has its idle time");
+        if (fd < 0)
+            continue;
+        must(sys.files.contains(fd) && sys.files.at(fd).device == line->ifname,
+             "an upstream socket is open and tied to its line's device");
+        must(descriptors.insert(fd).second, "a descriptor has one owner");
+        timers.push_back(timer_of(*line, v6));
+    }
+}
+
+void check_lines()
+{
+    std::vector<dnsproxy_server_if> lines;
+    for (auto *line :
+         records_of<dnsproxy_server_if>(dnsproxy_data.serverIfList, dnsproxy_data.serverIfHash)) {
+        check_line(line);
+        lines.push_back(*line);
+    }
+    std::swap(lines, expected.lines);
+    if (lines_may_change || sys.allocation_failed)
+        return;
+    must(lines.size() == expected.lines.size(), "only requests add and remove lines");
+    for (size_t i = 0; i < lines.size(); i++) {
+        dnsproxy_server_if &is = expected.lines[i], &should = lines[i];
+        must(strcmp(is.ifname, should.ifname) == 0, "lines take turns");
+        must(is.dnsIndex == should.dnsIndex, "a line learns its server from expiries");
+        must(is.useCount == should.useCount, "forced queries are counted");
+        for (const bool v6 : {false, true}) {
+            const bool open = fd_of(should, v6) >= 0;
+            must(open == (fd_of(is, v6) >= 0), "sockets open for queries and close when idle or dead");
+            must(!open || timer_of(is, v6).deadline == timer_of(should, v6).deadline,
+                 "a query starts the idle time anew");
+        }
+    }
+}
+
+void check_sendings()
+{
+    for (const sending &s : sys.sendings)
+        must(expected.forced_line.empty() || s.device == expected.forced_line,
+             "a forced query leaves by its own line alone");
+    if (!sys.allocation_failed) {
+        must(sys.sendings == expected.sendings, "what is sent is what must be sent, once, and nothing else");
+        must(dnsproxy_data.nextNewId == expected.next_id, "identifiers are given one after the other");
+        return;
+    }
+    // Without memory a query may have ended anywhere on its way: the model goes on from there.
+    must(static_cast<uint16_t>(expected.next_id - dnsproxy_data.nextNewId) <= 2,
+         "a query takes one identifier per family");
+    expected.next_id = dnsproxy_data.nextNewId;
+    for (size_t i = 0; i < expected.marks.size(); i++)
+        expected.marks[i] = (dnsproxy_data.pendingIdMap[i / 8] >> i % 8 & 1) != 0;
+    expected.records.resize(std::min(expected.records.size(), records_before_step));
+}
+
+// Ends a step.
+void settle()
+{
+    check_sendings();
+    must(sys.reports == expected.reports, "ten unanswered queries in a row are reported once");
+    timers.clear();
+    descriptors.clear();
+    check_cache(false, dnsproxy_data.cacheList, dnsproxy_data.cacheHash, dnsproxy_data.cacheIdHash,
+                dnsproxy_entry_findById);
+    check_cache(true, dnsproxy_data.cacheList6, dnsproxy_data.cacheHash6, dnsproxy_data.cacheIdHash6,
+                dnsproxy_entry_findById_v6);
+    check_lines();
+    records_before_step = expected.records.size();
+    lines_may_change = false;
+    expected.sendings.clear();
+    expected.forced_line.clear();
+    sys.sendings.clear();
+    sys.allocation_failed = false;
+}
+
+// The loop has taken a datagram: one step is over, the next begins.
+void received(int fd, const datagram &d)
+{
+    settle();
+    const open_file &file = sys.files.at(fd);
+    if (fd == dnsproxy_data.listenFd || fd == dnsproxy_data.listenFd6)
+        expected.query(d);
+    else if (!file.device.empty())
+        expected.reply(d, file.family == AF_INET6);
+    lines_may_change = file.kind == open_file::REQUEST_PIPE;
+}
+
+// The daemon sleeps until the first of the timers that somebody owns, and without one for ever: a timer of a
+// freed owner would wake it.
+void check_wake(const timeval *limit)
+{
+    must((limit == nullptr) == timers.empty(), "the daemon wakes for its timers and for nothing else");
+    if (limit == nullptr || phase == ENDING)
+        return;
+    int64_t wake = INT64_MAX;
+    for (const ipcom_tmo2 &t : timers) {
+        must(t.deadline > ipcom_tmo2_clock(), "what is due has run");
+        const bool of_record =
+            t.callback == dnsproxy_entry_timeout || t.callback == dnsproxy_entry_timeout_v6;
+        wake = std::min(wake, t.deadline + (of_record ? record_life_ns : socket_life_ns) / 1024);
+    }
+    must(int64_t{limit->tv_sec} * 1'000'000 + limit->tv_usec == (wake - ipcom_tmo2_clock() + 999) / 1000,
+         "the daemon wakes for the first timer");
+}
+
+// The loop's wait.
+int wait(fd_set *reads, const timeval *limit)
+{
+    settle();
+    check_wake(limit);
+    must(sys.files.size() == descriptors.size() + 4,
+         "open are the lines' sockets, two listen sockets, the netlink socket and the request pipe");
+    must(waiting_before == 0 || sys.waiting() < waiting_before, "a pass serves something that is ready");
+    sys.allocations_left = -1;
+    if (phase == RUNNING && !(*script)())
+        phase = DRAINING;
+    waiting_before = sys.waiting();
+    if (phase == DRAINING && waiting_before == 0)
+        longjmp(end_of_loop, 1);
+    int count = 0;
+    fd_set ready;
+    FD_ZERO(&ready);
+    for (const auto &[fd, file] : sys.files) {
+        if (file.waiting.empty())
+            continue;
+        must(FD_ISSET(fd, reads), "the loop waits for every open descriptor");
+        FD_SET(fd, &ready);
+        count++;
+    }
+    if (reads != nullptr)
+        *reads = ready;
+    expected.let_expire();
+    return count;
+}
+
+void start(uint16_t first_id, int log_level)
+{
+    dnsproxy_data = {};
+    dnsproxy_data.dnsproxyQueryMax = 4; // records share buckets
+    dnsproxy_data.nextNewId = first_id;
+    dnsproxy_data.logLevel = log_level;
+    strcpy(dnsproxy_data.pppoesIfname, "br-pppoe");
+    bool done = dnsproxy_data_init() == 0 && dnsproxy_pipe_init() == 0 && dnsproxy_cache_init() == 0 &&
+                dnsproxy_cache_init_v6() == 0 && dnsproxy_if_init() == 0;
+    static constexpr struct {
+        const char *name, *out;
+        unsigned polling;
+    } rules[] = {{"br-lan", nullptr, 0},     {"office", nullptr, 1}, {"br-guest", "wan1", 0},
+                 {"br-pppoe", "pt-vpn0", 0}, {"far", "wan3", 0},     {"lo", nullptr, 0}};
+    for (const auto &r : rules)
+        done = done && dnsproxy_listen_if_new(r.name, r.out != nullptr ? 1 : 0, r.out, r.polling) == 0;
+    uint8_t number = 0;
+    for (const char *name : {"wan1", "wan2", "pt-vpn0"}) {
+        sockaddr_in6 first = {}, second = {};
+        first.sin6_addr.s6_addr[15] = ++number;
+        second.sin6_addr.s6_addr[14] = number;
+        done = done && dnsproxy_server_if_new(name, number, number + 16U, &first, &second, 0, 0) == 0;
+    }
+    must(done, "the daemon starts");
+}
+
+// Time goes on after the loop has been left.
+void let_pass(int64_t ms)
+{
+    fake_clock::advance_ms(ms);
+    (void)ipcom_tmo2_select(dnsproxy_data.tmo2Head, 0, nullptr, nullptr, nullptr, nullptr);
+    settle();
+}
+
+// When nobody asks any more, all that queries brought goes by itself. Taken down, the daemon leaves no memory
+// behind but the loop's message buffer.
+void end()
+{
+    phase = ENDING;
+    let_pass(10'000);
+    must(expected.records.empty(), "no record outlives its time");
+    let_pass(60'000);
+    must(descriptors.empty() && timers.empty(), "no upstream socket outlives its use");
+    let_pass(1'000'000);
+    for (const auto &line : expected.lines)
+        must(dnsproxy_server_if_destroy(line.ifname) == 0, "a line can be deleted");
+    while (const auto *rule = ipcom_first<dnsproxy_listen_if>(dnsproxy_data.listenIfList))
+        must(dnsproxy_listen_if_destroy(std::string(rule->ifname_receive).c_str()) == 0,
+             "a rule can be deleted");
+    __wrap_if_freenameindex(dnsproxy_data.ifNameIndex);
+    dnsproxy_cleanup();
+    must(sys.blocks.size() == 1 && sys.blocks.begin()->second == sizeof(dnsproxy_public_msg),
+         "all memory comes back");
+    __wrap_free(sys.blocks.begin()->first);
+}
+
+} // namespace
+
+void live(uint16_t first_id, int log_level, const std::function<bool()> &events)
+{
+    // What the daemon prints is nobody's business here.
+    static const int silence = dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+    must(silence == STDOUT_FILENO, "standard output can be turned away");
+
+    const fake_clock clock;
+    for (const char *name :
+         {"lo", "wan1", "wan2", "wan3", "pt-vpn0", "br-lan", "br-guest", "office", "ppp0", "far", "eth9"})
+        sys.devices.push_back({name, static_cast<int>(sys.devices.size() + 1), true});
+    sys.wait = wait;
+    sys.received = received;
+    start(first_id, log_level);
+    expected.next_id = first_id;
+    lines_may_change = true; // they have just been made
+    script = &events;
+    phase = RUNNING;
+    waiting_before = 0;
+    if (setjmp(end_of_loop) == 0)
+        (void)dnsproxyd();
+    end();
+    sys = {};
+    expected = {};
+    timers = {};
+    descriptors = {};
+}
+
+void ask(const peer &host, const std::string &device, const std::string &bytes, arrival told)
+{
+    const auto *d = sys.find_device(device);
+    sys.files.at(host.v6 ? dnsproxy_data.listenFd6 : dnsproxy_data.listenFd)
+        .waiting.push_back({bytes, host, d == nullptr ? 9999 : d->index, told});
+}
+
+void answer(bool v6, const std::string &line, const std::string &bytes)
+{
+    dnsproxy_server_if *sif = expected.find_line(line);
+    if (sif != nullptr && fd_of(*sif, v6) > 0)
+        sys.files.at(fd_of(*sif, v6))
+            .waiting.push_back({.bytes = bytes, .from = {v6, std::string(v6 ? 16 : 4, '\x0a'), 53}});
+}
+
+uint16_t identifier(bool v6, unsigned choice)
+{
+    const std::vector<record> records = expected.of_family(v6);
+    choice %= static_cast<unsigned>(records.size() + 1);
+    return choice < records.size() ? records[choice].new_id : static_cast<uint16_t>(expected.next_id + 7);
+}
+
+void set_next_identifier(uint16_t id)
+{
+    expected.next_id = dnsproxy_data.nextNewId = id;
+}
+
+void request(const std::string &bytes)
+{
+    for (auto &[fd, file] : sys.files) {
+        if (file.kind == open_file::REQUEST_PIPE)
+            file.waiting.push_back({.bytes = bytes});
+    }
+}
+
+void netlink(const std::string &batch)
+{
+    sys.files.at(dnsproxy_data.intfFd).waiting.push_back({.bytes = batch});
+}
+
+void set_link(const char *line, bool up)
+{
+    const uint64_t is_down = up ? 0 : 1;
+    dnsproxy_server_if *sif = expected.find_line(line);
+    must((dnsproxy_server_if_state_up(line, &is_down) == 0) == (sif != nullptr), "known lines have a state");
+    if (sif == nullptr)
+        return;
+    sif->is_down = is_down;
+    const bool all_down = std::all_of(expected.lines.begin(), expected.lines.end(),
+                                      [](const auto &each) { return each.is_down != 0; });
+    must(all_down == (dnsproxy_data.allServerIfDown == 1), "the daemon knows when no line is up");
+}
+
+void toggle_device(size_t number)
+{
+    device &d = sys.devices[number % sys.devices.size()];
+    d.present = !d.present;
+    if (d.present)
+        d.index += static_cast<int>(sys.devices.size());
+    nlmsghdr said = {};
+    said.nlmsg_len = sizeof said;
+    said.nlmsg_type = d.present ? RTM_NEWLINK : RTM_DELLINK;
+    netlink({reinterpret_cast<const char *>(&said), sizeof said});
+}
