@@ -107,6 +107,7 @@ void pass(loop *l)
         DNSPROXY_LOG(TRACE, op, 0, "Recv a intf route change packet.");
         dnsproxy_intf_socket_recv();
     }
+    intf_list_retry();
     if (take_ready(dnsproxy_data.listenFd, &ready, &count)) {
         DNSPROXY_LOG(TRACE, op, 0, "Recv a dns request packet.");
         const int status = dnsproxy_listen_socket_recv();

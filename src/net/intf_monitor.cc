@@ -85,6 +85,12 @@ int dnsproxy_intf_socket_recv()
     return 0;
 }
 
+void intf_list_retry()
+{
+    if (dnsproxy_data.ifNameIndex == nullptr) [[unlikely]]
+        rebuild(__func__);
+}
+
 int dns_if_indextoname(int index, char *name, int size)
 {
     if (size < IF_NAMESIZE) {

@@ -6,9 +6,12 @@
 // Opens the netlink socket and fills the list; 0 or DNSPROXY_ERESOURCE.
 [[nodiscard]] int dnsproxy_intf_socket_open();
 
-// Reads one batch of messages and rebuilds the list when one of them is about a link. Without memory for a
-// new list it is empty until the next rebuild. Always 0.
+// Reads one batch of messages and rebuilds the list when one of them is about a link. Without memory or a
+// descriptor for a new list it is empty. Always 0.
 int dnsproxy_intf_socket_recv();
+
+// Rebuilds a list that is empty because the last rebuild failed, which no further message may come to mend.
+void intf_list_retry();
 
 // Name of the device with that index into `name`, with its NUL. 0, or -1 for an index that is not in the list
 // and for a buffer whose `size` in bytes is below 16.
