@@ -5,12 +5,17 @@ The program under test has one core for itself; what asks and what answers share
 
 import argparse
 import contextlib
+import dataclasses
+import functools
+import json
 import os
 import re
+import statistics
 import subprocess
 import sys
 import tempfile
-from collections.abc import Iterator
+import time
+from collections.abc import Iterator, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -23,9 +28,9 @@ TESTED_CORE, LOAD_CORE = 0, 1
 RECORD_LIFE = 10  # seconds that the daemon remembers a query
 LINE = 1
 HOST = "h1"
-# What is measured and what answers it run as soon as they can, before other work on the machine and before
-# what asks; otherwise the cost would be that of queues and of caches that others have filled.
-REAL_TIME = ["chrt", "--fifo", "1"]
+# What is measured goes first, then what asks and answers, then all other work on the machine. No real-time
+# priority: the kernel takes the core away for a part of each second from a program that always uses it.
+TESTED_FIRST, LOAD_FIRST = ["nice", "-n", "-20"], ["nice", "-n", "-10"]
 
 # Queries without a reply at any time: as many as surely fit a socket's receive buffer of the usual size, so
 # that none is lost while a program waits for its core. From 287 on some would be lost by design.
@@ -57,6 +62,20 @@ def options(description: str | None) -> argparse.ArgumentParser:
     return parser
 
 
+def options_of_report(description: str | None) -> argparse.ArgumentParser:
+    """A parser with the options of the benchmarks that have a place in docs/performance.md."""
+    parser = options(description)
+    parser.add_argument("--family", type=int, choices=(4, 6), default=4, help="IPv4 or IPv6 (4)")
+    parser.add_argument("--quick", action="store_true", help="short and few runs: does it work?")
+    parser.add_argument(
+        "--write",
+        type=lambda path: str(Path(path).resolve()),
+        metavar="DIR",
+        help="put the table into DIR/performance.md and the picture beside it",
+    )
+    return parser
+
+
 def daemon_of(build: str) -> str:
     """The daemon that is measured: the one that the environment variable DNSPROXYD names, or the build's."""
     return os.environ.get("DNSPROXYD") or f"{build}/src/dnsproxyd"
@@ -82,8 +101,9 @@ def free_choice(servers: int, family: int) -> list[str]:
 
 
 def placed(argv: list[str], core: int) -> list[str]:
-    """A command tied to one core, with all its threads."""
-    return ["taskset", "--cpu-list", str(core), *argv]
+    """A command tied to one core, with all its threads, and to its place in the queue for it."""
+    first = TESTED_FIRST if core == TESTED_CORE else LOAD_FIRST
+    return [*first, "taskset", "--cpu-list", str(core), *argv]
 
 
 @contextlib.contextmanager
@@ -92,21 +112,95 @@ def serving(argv: list[str], core: int, family: int, namespace: str | None = Non
 
     Gives its process number, once it owns port 53 of the family.
     """
-    command = [*REAL_TIME, *placed(argv, core)]
-    with netns.inside(namespace):
-        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+    with tempfile.TemporaryFile("w+", encoding="utf-8", errors="replace") as output:
+        with netns.inside(namespace):
+            process = subprocess.Popen(
+                placed(argv, core), stdin=subprocess.DEVNULL, stdout=output, stderr=output
+            )
 
-    def up() -> bool:
-        if process.poll() is not None:
-            raise RuntimeError(f"{argv[0]} ended with status {process.returncode}")
-        return daemon.owns_udp_port(process.pid, 53, family)
+        def up() -> bool:
+            if process.poll() is not None:
+                output.seek(0)
+                raise RuntimeError(f"{argv[0]} ended with status {process.returncode}:\n{output.read()}")
+            return daemon.owns_udp_port(process.pid, 53, family)
 
-    try:
-        wait.until(up, f"{argv[0]} to own port 53")
-        yield process.pid
-    finally:
-        process.terminate()
-        process.wait(wait.PATIENCE)
+        try:
+            wait.until(up, f"{argv[0]} to own port 53")
+            yield process.pid
+        finally:
+            process.terminate()
+            process.wait(wait.PATIENCE)
+
+
+def answering(build: str, namespace: str = plan.LINES[LINE].netns, delay: int = 0) -> Iterator[int]:
+    """What answers in place of the servers behind a line, after so many milliseconds; a context manager."""
+    return serving([tool_of(build, "echo"), str(delay)], LOAD_CORE, 6, namespace)
+
+
+class Asker:
+    """A program that asks the router from a LAN host, or another server; `output` waits until it is through."""
+
+    def __init__(self, argv: list[str], host: str = HOST):
+        with netns.inside(host):
+            self._process = subprocess.Popen(
+                placed(argv, LOAD_CORE), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+            )
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_exception) -> None:
+        self._process.kill()
+        self._process.wait()
+
+    @property
+    def pid(self) -> int:
+        return self._process.pid
+
+    def output(self) -> str:
+        output, _ = self._process.communicate()
+        if self._process.returncode != 0:
+            raise RuntimeError(f"{self._process.args} ended with status {self._process.returncode}:\n{output}")
+        return output
+
+
+class Dnsperf(Asker):
+    """Asks with up to OUTSTANDING queries in flight, at a steady rate or as fast as it goes.
+
+    `life` is how long the daemon remembers a query, in seconds.
+    """
+
+    FASTEST = 50_000  # queries per second that it may reach without a rate
+
+    def __init__(self, family: int, rate: int | None, seconds: int, life: float = RECORD_LIFE):
+        server = plan.HOSTS[HOST].router(family)
+        threads = str(int((rate or self.FASTEST) * life / QUERIES_OF_THREAD) + 1)
+        argv = ["dnsperf", "-s", server, "-d", _names(), "-T", threads, "-c", threads, "-b", "1024"]
+        argv += ["-q", str(OUTSTANDING), "-l", str(seconds), "-t", "2"]
+        super().__init__(argv + (["-Q", str(rate)] if rate else []))
+
+    def lost(self) -> int:
+        return int(re.search(r"Queries lost:\s+(\d+)", self.output())[1])
+
+
+@functools.cache
+def _names() -> str:
+    """A file of names for dnsperf, which starts over at its end: none is in flight twice."""
+    with tempfile.NamedTemporaryFile("w", prefix="names.", delete=False) as names:
+        names.writelines(f"q{i:07}.bench.test A\n" for i in range(500_000))
+    return names.name
+
+
+class Ask(Asker):
+    """Asks at a steady rate, however many are in flight, and times every reply."""
+
+    def __init__(self, build: str, server: str, rate: int, seconds: int, host: str = HOST, life: float = RECORD_LIFE):
+        sockets = str(int(rate * life / QUERIES_OF_THREAD) + 1)
+        super().__init__([tool_of(build, "ask"), server, str(rate), str(seconds), sockets], host)
+
+    def result(self) -> dict[str, float]:
+        """Counts, and latencies in microseconds."""
+        return json.loads(self.output())
 
 
 @dataclass
@@ -116,80 +210,124 @@ class Cost:
     cpu_ns: int
     user: int  # clock ticks
     system: int  # clock ticks
-    sent: int  # datagrams
+    answered: int  # replies that the host has read
+    forwarded: int  # queries that the servers have read
+    seconds: float
 
     @property
-    def queries(self) -> float:
-        """Answered queries: each was sent on to one server, and its reply was sent back."""
-        return self.sent / 2
-
-    @property
-    def cpu_us_per_query(self) -> float:
-        return self.cpu_ns / 1000 / self.queries
+    def us(self) -> float:
+        """Processor time per answered query, in microseconds."""
+        return self.cpu_ns / 1000 / max(1, self.answered)
 
     @property
     def user_share(self) -> float:
         """The part of the processor time that was spent in user mode, 0 to 1."""
         return self.user / max(1, self.user + self.system)
 
+    @property
+    def busy(self) -> float:
+        """The part of its core that it used, 0 to 1."""
+        return self.cpu_ns / 1e9 / self.seconds
+
+    @property
+    def rate(self) -> float:
+        """Answered queries per second."""
+        return self.answered / self.seconds
+
     def __sub__(self, earlier: "Cost") -> "Cost":
-        return Cost(
-            self.cpu_ns - earlier.cpu_ns,
-            self.user - earlier.user,
-            self.system - earlier.system,
-            self.sent - earlier.sent,
-        )
+        return Cost(*(getattr(self, f.name) - getattr(earlier, f.name) for f in dataclasses.fields(self)))
 
 
-def _datagrams_sent(family: int) -> int:
+def _datagrams_read(pid: int, family: int) -> int:
+    """Datagrams that were read so far in the network namespace of a process."""
     if family == 6:
-        text = Path("/proc/net/snmp6").read_text(encoding="ascii")
-        return int(re.search(r"^Udp6OutDatagrams\s+(\d+)$", text, re.MULTILINE)[1])
-    names, values = re.findall(r"^Udp: (.*)$", Path("/proc/net/snmp").read_text(encoding="ascii"), re.MULTILINE)
-    return int(dict(zip(names.split(), values.split()))["OutDatagrams"])
+        text = Path(f"/proc/{pid}/net/snmp6").read_text(encoding="ascii")
+        return int(re.search(r"^Udp6InDatagrams\s+(\d+)$", text, re.MULTILINE)[1])
+    names, values = re.findall(
+        r"^Udp: (.*)$", Path(f"/proc/{pid}/net/snmp").read_text(encoding="ascii"), re.MULTILINE
+    )
+    return int(dict(zip(names.split(), values.split()))["InDatagrams"])
 
 
-def cost_of(pid: int, family: int) -> Cost:
-    """The cost so far of a program that is the only user of UDP in the router."""
+def cost_of(pid: int, asker: int, servers: int, family: int) -> Cost:
+    """The cost so far of a program between what asks and what answers, all by their process numbers.
+
+    These two are the only users of UDP in their network namespaces.
+    """
     cpu_ns = 0
     for task in os.scandir(f"/proc/{pid}/task"):
         cpu_ns += int(Path(task.path, "schedstat").read_text(encoding="ascii").split()[0])
     fields = Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
-    return Cost(cpu_ns, int(fields[11]), int(fields[12]), _datagrams_sent(family))
+    counts = (_datagrams_read(process, family) for process in (asker, servers))
+    return Cost(cpu_ns, int(fields[11]), int(fields[12]), *counts, time.monotonic())
 
 
 @dataclass
-class Asked:
-    """What dnsperf saw."""
+class Watched:
+    """The cost in a window of time, and that of each query in its median second.
 
-    sent: int
-    lost: int
+    A second in which the machine did other work does not count so.
+    """
+
+    whole: Cost
+    us: float
+
+    @property
+    def user_us(self) -> float:
+        return self.us * self.whole.user_share
+
+    @property
+    def system_us(self) -> float:
+        return self.us - self.user_us
 
 
-class Dnsperf:
-    """Asks the router from a LAN host at a steady rate; `result` waits until it is through."""
+def watch(pid: int, asker: int, servers: int, family: int, lead: float, window: int) -> Watched:
+    """The cost of a program in `window` seconds, after `lead` seconds."""
+    time.sleep(lead)
+    costs = [cost_of(pid, asker, servers, family)]
+    for _ in range(window):
+        time.sleep(1)
+        costs.append(cost_of(pid, asker, servers, family))
+    seconds = [late - early for early, late in zip(costs, costs[1:])]
+    return Watched(costs[-1] - costs[0], statistics.median(second.us for second in seconds))
 
-    def __init__(self, family: int, rate: int, seconds: int):
-        with tempfile.NamedTemporaryFile("w", prefix="names.", delete=False) as names:
-            names.writelines(f"q{i:05}.bench.test A\n" for i in range(10_000))
-        server = plan.HOSTS[HOST].router(family)
-        threads = str(rate * RECORD_LIFE // QUERIES_OF_THREAD + 1)
-        argv = ["dnsperf", "-s", server, "-d", names.name, "-T", threads, "-c", threads, "-b", "1024"]
-        argv += ["-q", str(OUTSTANDING), "-Q", str(rate), "-l", str(seconds), "-t", "2"]
-        argv = ["nice", "-n", "-10", *placed(argv, LOAD_CORE)]
-        with netns.inside(HOST):
-            self._process = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
 
-    def __enter__(self) -> "Dnsperf":
-        return self
+def resident(pid: int) -> tuple[int, int]:
+    """Resident memory of a process now and at its peak, in KiB."""
+    status = Path(f"/proc/{pid}/status").read_text(encoding="ascii")
+    now, peak = (int(re.search(rf"^{key}:\s+(\d+) kB$", status, re.MULTILINE)[1]) for key in ("VmRSS", "VmHWM"))
+    return now, peak
 
-    def __exit__(self, *_exception) -> None:
-        self._process.kill()
-        self._process.wait()
 
-    def result(self) -> Asked:
-        output, _ = self._process.communicate()
-        counts = dict(re.findall(r"Queries (sent|lost):\s+(\d+)", output))
-        if self._process.returncode != 0 or counts.keys() != {"sent", "lost"}:
-            raise RuntimeError(f"dnsperf ended with status {self._process.returncode}:\n{output}")
-        return Asked(int(counts["sent"]), int(counts["lost"]))
+def machine() -> str:
+    """The machine in a few words."""
+    cpus = Path("/proc/cpuinfo").read_text(encoding="utf-8")
+    model = re.search(r"^model name\s*:\s*(.+)$", cpus, re.MULTILINE)
+    return f"{os.cpu_count()} cores, {model[1] if model else os.uname().machine}, Linux {os.uname().release}"
+
+
+def report(name: str, table: list[list[str]], picture: str, notes: Sequence[str], folder: str | None) -> None:
+    """Prints a table, its first row the head, and with a folder puts it and the picture in there.
+
+    The table replaces what stands between the two marks of its name in performance.md.
+    """
+    widths = [max(map(len, column)) for column in zip(*table)]
+    print()
+    for row in table:
+        cells = [cell.rjust(width) for cell, width in zip(row, widths)]
+        print("  ".join([row[0].ljust(widths[0]), *cells[1:]]))
+    for note in notes:
+        print(note)
+    if folder is None:
+        return
+    Path(folder, f"performance-{name}.svg").write_text(picture, encoding="utf-8")
+    rows = ["| " + " | ".join(row) + " |" for row in table]
+    rows.insert(1, "|---" + "|--:" * (len(table[0]) - 1) + "|")
+    lines = [*rows, "", f"![{name}](performance-{name}.svg)", "", *notes]
+    page = Path(folder, "performance.md")
+    head, tail = f"<!-- {name}: begin -->\n", f"<!-- {name}: end -->\n"
+    before, mark, rest = page.read_text(encoding="utf-8").partition(head)
+    _, end, after = rest.partition(tail)
+    if not mark or not end:
+        sys.exit(f"{page} has no place for {name}")
+    page.write_text(before + head + "\n".join(lines).rstrip() + "\n" + tail + after, encoding="utf-8")
