@@ -69,7 +69,7 @@ static void ask(void)
 {
     /* Identifier, recursion desired, one question; then the name, type A, class Internet. */
     uint8_t message[MESSAGE_SIZE] = {0, 0, 1, 0, 0, 1};
-    static const uint8_t tail[] = "\5bench\4test\0\0\1\0"; /* its last byte is the class's */
+    static const uint8_t tail[] = "\5bench\7example\0\0\1\0"; /* its last byte is the class's */
     const unsigned which = (unsigned)(sent % socket_count);
     const uint16_t id = (uint16_t)(sent / socket_count);
     message[0] = (uint8_t)(id >> 8);

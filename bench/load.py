@@ -160,7 +160,9 @@ class Asker:
     def output(self) -> str:
         output, _ = self._process.communicate()
         if self._process.returncode != 0:
-            raise RuntimeError(f"{self._process.args} ended with status {self._process.returncode}:\n{output}")
+            raise RuntimeError(
+                f"{self._process.args} ended with status {self._process.returncode}:\n{output}"
+            )
         return output
 
 
@@ -172,12 +174,14 @@ class Dnsperf(Asker):
 
     FASTEST = 50_000  # queries per second that it may reach without a rate
 
-    def __init__(self, family: int, rate: int | None, seconds: int, life: float = RECORD_LIFE):
-        server = plan.HOSTS[HOST].router(family)
+    def __init__(
+        self, family: int, rate: int | None, seconds: int, life: float = RECORD_LIFE, host: str = HOST
+    ):
+        server = plan.HOSTS[host].router(family)
         threads = str(int((rate or self.FASTEST) * life / QUERIES_OF_THREAD) + 1)
         argv = ["dnsperf", "-s", server, "-d", _names(), "-T", threads, "-c", threads, "-b", "1024"]
         argv += ["-q", str(OUTSTANDING), "-l", str(seconds), "-t", "2"]
-        super().__init__(argv + (["-Q", str(rate)] if rate else []))
+        super().__init__(argv + (["-Q", str(rate)] if rate else []), host)
 
     def lost(self) -> int:
         return int(re.search(r"Queries lost:\s+(\d+)", self.output())[1])
@@ -187,14 +191,16 @@ class Dnsperf(Asker):
 def _names() -> str:
     """A file of names for dnsperf, which starts over at its end: none is in flight twice."""
     with tempfile.NamedTemporaryFile("w", prefix="names.", delete=False) as names:
-        names.writelines(f"q{i:07}.bench.test A\n" for i in range(500_000))
+        names.writelines(f"q{i:07}.bench.example A\n" for i in range(500_000))
     return names.name
 
 
 class Ask(Asker):
     """Asks at a steady rate, however many are in flight, and times every reply."""
 
-    def __init__(self, build: str, server: str, rate: int, seconds: int, host: str = HOST, life: float = RECORD_LIFE):
+    def __init__(
+        self, build: str, server: str, rate: int, seconds: int, host: str = HOST, life: float = RECORD_LIFE
+    ):
         sockets = str(int(rate * life / QUERIES_OF_THREAD) + 1)
         super().__init__([tool_of(build, "ask"), server, str(rate), str(seconds), sockets], host)
 
@@ -295,7 +301,9 @@ def watch(pid: int, asker: int, servers: int, family: int, lead: float, window: 
 def resident(pid: int) -> tuple[int, int]:
     """Resident memory of a process now and at its peak, in KiB."""
     status = Path(f"/proc/{pid}/status").read_text(encoding="ascii")
-    now, peak = (int(re.search(rf"^{key}:\s+(\d+) kB$", status, re.MULTILINE)[1]) for key in ("VmRSS", "VmHWM"))
+    now, peak = (
+        int(re.search(rf"^{key}:\s+(\d+) kB$", status, re.MULTILINE)[1]) for key in ("VmRSS", "VmHWM")
+    )
     return now, peak
 
 
@@ -306,24 +314,30 @@ def machine() -> str:
     return f"{os.cpu_count()} cores, {model[1] if model else os.uname().machine}, Linux {os.uname().release}"
 
 
-def report(name: str, table: list[list[str]], picture: str, notes: Sequence[str], folder: str | None) -> None:
-    """Prints a table, its first row the head, and with a folder puts it and the picture in there.
+Table = Sequence[Sequence[str]]  # rows of as many cells; the first row is the head
 
-    The table replaces what stands between the two marks of its name in performance.md.
+
+def report(
+    name: str, tables: dict[str, Table], picture: str, notes: Sequence[str], folder: str | None
+) -> None:
+    """Prints tables with their titles; with a folder puts them and the picture in there, too.
+
+    They replace what stands between the two marks of the name in its performance.md.
     """
-    widths = [max(map(len, column)) for column in zip(*table)]
-    print()
-    for row in table:
-        cells = [cell.rjust(width) for cell, width in zip(row, widths)]
-        print("  ".join([row[0].ljust(widths[0]), *cells[1:]]))
-    for note in notes:
-        print(note)
+    lines = []
+    for title, table in tables.items():
+        widths = [max(map(len, column)) for column in zip(*table)]
+        print(f"\n{title}")
+        for first, *rest in table:
+            cells = [cell.rjust(width) for cell, width in zip(rest, widths[1:])]
+            print("  ".join([first.ljust(widths[0]), *cells]))
+        rows = ["| " + " | ".join(row) + " |" for row in table]
+        lines += [f"{title}:", "", rows[0], "|---" + "|--:" * (len(table[0]) - 1) + "|", *rows[1:], ""]
+    print("\n".join(notes))
     if folder is None:
         return
     Path(folder, f"performance-{name}.svg").write_text(picture, encoding="utf-8")
-    rows = ["| " + " | ".join(row) + " |" for row in table]
-    rows.insert(1, "|---" + "|--:" * (len(table[0]) - 1) + "|")
-    lines = [*rows, "", f"![{name}](performance-{name}.svg)", "", *notes]
+    lines += [f"![{name}](performance-{name}.svg)", "", *notes]
     page = Path(folder, "performance.md")
     head, tail = f"<!-- {name}: begin -->\n", f"<!-- {name}: end -->\n"
     before, mark, rest = page.read_text(encoding="utf-8").partition(head)
