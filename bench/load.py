@@ -63,16 +63,22 @@ def options(description: str | None) -> argparse.ArgumentParser:
 
 
 def options_of_report(description: str | None) -> argparse.ArgumentParser:
-    """A parser with the options of the benchmarks that have a place in docs/performance.md."""
+    """A parser with the option of the benchmarks that have a place in docs/performance.md."""
     parser = options(description)
-    parser.add_argument("--family", type=int, choices=(4, 6), default=4, help="IPv4 or IPv6 (4)")
-    parser.add_argument("--quick", action="store_true", help="short and few runs: does it work?")
     parser.add_argument(
         "--write",
         type=lambda path: str(Path(path).resolve()),
         metavar="DIR",
-        help="put the table into DIR/performance.md and the picture beside it",
+        help="put the tables into DIR/performance.md and the picture beside it",
     )
+    return parser
+
+
+def options_of_load(description: str | None) -> argparse.ArgumentParser:
+    """A parser with the options of those among them that take long."""
+    parser = options_of_report(description)
+    parser.add_argument("--family", type=int, choices=(4, 6), default=4, help="IPv4 or IPv6 (4)")
+    parser.add_argument("--quick", action="store_true", help="short and few runs: does it work?")
     return parser
 
 
@@ -318,7 +324,11 @@ Table = Sequence[Sequence[str]]  # rows of as many cells; the first row is the h
 
 
 def report(
-    name: str, tables: dict[str, Table], picture: str, notes: Sequence[str], folder: str | None
+    name: str,
+    tables: dict[str, Table],
+    picture: str | None,
+    notes: Sequence[str],
+    folder: str | None,
 ) -> None:
     """Prints tables with their titles; with a folder puts them and the picture in there, too.
 
@@ -336,8 +346,10 @@ def report(
     print("\n".join(notes))
     if folder is None:
         return
-    Path(folder, f"performance-{name}.svg").write_text(picture, encoding="utf-8")
-    lines += [f"![{name}](performance-{name}.svg)", "", *notes]
+    if picture is not None:
+        Path(folder, f"performance-{name}.svg").write_text(picture, encoding="utf-8")
+        lines += [f"![{name}](performance-{name}.svg)", ""]
+    lines += notes
     page = Path(folder, "performance.md")
     head, tail = f"<!-- {name}: begin -->\n", f"<!-- {name}: end -->\n"
     before, mark, rest = page.read_text(encoding="utf-8").partition(head)
