@@ -5,6 +5,7 @@
 #include <uci.h>
 
 #include "config/effect_devices.h"
+#include "config/rule.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
 #include "core/status.h"
@@ -12,60 +13,9 @@
 
 namespace {
 
-// The options of one rule; null where absent. They live in the loaded package.
-struct rule {
-    const char *name;
-    const char *service_if;
-    const char *out_if;
-    const char *force_if;
-    const char *out_type;
-};
-
-constexpr struct {
-    const char *option;
-    const char *rule::*value;
-} options[] = {
-    {"name", &rule::name},         {"service_if", &rule::service_if}, {"out_if", &rule::out_if},
-    {"force_if", &rule::force_if}, {"out_type", &rule::out_type},
-};
-
-// A list counts as its last item, as an option that is given twice counts as its last. The type comes
-// first: string and list share their memory.
-const char *value_of(const uci_option *option)
-{
-    if (option->type == UCI_TYPE_STRING)
-        return option->v.string;
-    const char *last = nullptr;
-    uci_element *item = nullptr;
-    uci_foreach_element(&option->v.list, item)
-    {
-        last = item->name;
-    }
-    return last;
-}
-
-bool is(const char *value, const char *text)
-{
-    return value != nullptr && strcmp(value, text) == 0;
-}
-
 const char *or_nothing(const char *text)
 {
     return text != nullptr ? text : "";
-}
-
-rule read_rule(uci_section *section)
-{
-    rule r = {};
-    uci_element *e = nullptr;
-    uci_foreach_element(&section->options, e)
-    {
-        for (const auto &known : options) {
-            if (strcmp(e->name, known.option) == 0)
-                r.*known.value = value_of(uci_to_option(e));
-        }
-    }
-    return r;
 }
 
 void map_device(const char *op, const char *logical, char *device)
@@ -77,20 +27,20 @@ void map_device(const char *op, const char *logical, char *device)
 
 void section_parse(uci_section *section)
 {
-    const rule r = read_rule(section);
+    const dnsproxy_rule r = dnsproxy_rule_read(section);
     char service_device[IF_NAMESIZE] = {};
     char out_device[IF_NAMESIZE] = {};
 
     if (r.name == nullptr)
         DNSPROXY_LOG(ERROR, __func__, 0, "The entry has no rule_name");
-    if (is(r.name, "dnsproxy_pppoes") && r.service_if != nullptr) {
+    if (r.is_pppoe()) {
         map_device(__func__, r.service_if, service_device);
         memcpy(dnsproxy_data.pppoesIfname, service_device, sizeof dnsproxy_data.pppoesIfname);
         DNSPROXY_LOG(TRACE, __func__, 0, "Set PPPoE Server interface[%s].\n", dnsproxy_data.pppoesIfname);
         return;
     }
-    const bool forced = is(r.force_if, "on");
-    const bool polling = is(r.out_type, "polling");
+    const bool forced = r.is_forced();
+    const bool polling = r.is_polling();
     const char *out_if = forced ? r.out_if : nullptr;
     if (polling)
         DNSPROXY_LOG(TRACE, __func__, 0, "The out type is polling[%s].\n", or_nothing(out_if));
