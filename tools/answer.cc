@@ -6,6 +6,8 @@
 #include <cstring>
 #include <span>
 
+#include "text.h"
+
 void *trailing_data(const dnsproxy_public_msg *reply)
 {
     // The message carries the address as a number, the same on every target.
@@ -42,47 +44,14 @@ struct name_text {
     {
         memcpy(text, field, sizeof field);
     }
-    // As it is shown in a column: nothing that a terminal would obey.
-    [[nodiscard]] const char *column()
-    {
-        for (char *c = text; *c != '\0'; c++) {
-            if (*c < ' ' || *c > '~')
-                *c = '?';
-        }
-        return text;
-    }
 };
-
-// A name is bytes without a known encoding; each byte beyond ASCII stands as the code point of its value.
-void put_json(const char *text)
-{
-    putchar('"');
-    for (; *text != '\0'; text++) {
-        const auto byte = static_cast<unsigned char>(*text);
-        if (byte == '"' || byte == '\\')
-            printf("\\%c", byte);
-        else if (byte < ' ' || byte > '~')
-            printf("\\u%04x", byte);
-        else
-            putchar(byte);
-    }
-    putchar('"');
-}
-
-void put_json(const address_text &address)
-{
-    if (address.empty())
-        fputs("null", stdout);
-    else
-        put_json(address.text);
-}
 
 template <class Server> void put_json_pair(const char *key, const Server &first, const Server &second)
 {
     printf(",\"%s\":[", key);
-    put_json(address_text(first));
+    put_json_or_null(address_text(first).text);
     putchar(',');
-    put_json(address_text(second));
+    put_json_or_null(address_text(second).text);
     putchar(']');
 }
 
@@ -103,7 +72,7 @@ template <class Entry> std::span<const Entry> entries(const dnsproxy_public_msg 
 
 void show_servers(const dnsproxy_public_msg *reply, format form)
 {
-    name_text name(reply->ifname);
+    const name_text name(reply->ifname);
     if (form == format::json) {
         fputs("{\"interface\":", stdout);
         put_json(name.text);
@@ -129,7 +98,7 @@ void show_addresses(const dnsproxy_public_msg *reply, format form)
             continue;
         }
         fputs(separator, stdout);
-        put_json(address);
+        put_json_or_null(address.text);
         separator = ",";
     }
     if (form == format::json)
@@ -144,9 +113,9 @@ void show_interfaces(const dnsproxy_public_msg *reply, format form)
     else
         printf("%-15s %-15s %s\n", "DEVICE", "FIRST", "SECOND");
     for (const dnsproxy_public_if &entry : entries<dnsproxy_public_if>(reply)) {
-        name_text name(entry.ifname);
+        const name_text name(entry.ifname);
         if (form == format::columns) {
-            printf("%-15s %-15s %s\n", name.column(), address_text(entry.dns).column(),
+            printf("%-15s %-15s %s\n", printable(name.text).text, address_text(entry.dns).column(),
                    address_text(entry.dns2).column());
             continue;
         }

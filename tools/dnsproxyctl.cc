@@ -1,4 +1,5 @@
-// dnsproxyctl: shows and changes the upstream DNS servers of the running daemon, through its request pipe.
+// dnsproxyctl: shows and changes the upstream DNS servers of the running daemon, through its request pipe,
+// and tells whether it serves and what is wrong.
 
 #include <dnsproxy/client.h>
 
@@ -12,7 +13,9 @@
 #include <iterator>
 
 #include "answer.h"
+#include "check.h"
 #include "servers.h"
+#include "status.h"
 
 namespace {
 
@@ -39,6 +42,8 @@ Commands:
   put IF SERVER...      change the interface if it is there, else make it
   del IF                delete an interface
   delall [IF]           delete all interfaces but VPN devices, whatever IF is
+  status                show whether the daemon serves, its lines and their servers
+  check                 look for what keeps hosts from getting answers
 
 IF is a logical interface name. SERVER is an IPv4 or IPv6 address, at most two of each.
 
@@ -48,7 +53,8 @@ Options:
   -h, --help            show this
   -V, --version         show the version
 
-Exit status: 0 done, 1 refused by the daemon, 2 wrong usage, 3 daemon cannot be reached.
+Exit status: 0 done, 1 refused by the daemon, 2 wrong usage, 3 daemon cannot be reached;
+1 also when status finds that it does not serve both families, or check finds anything.
 )";
 
 using msg = dnsproxy_public_msg;
@@ -100,6 +106,37 @@ struct command {
     int servers_max;
     int (*send)(msg *m, const server_list *servers);
     void (*show)(const msg *reply, format form);
+};
+
+int report_failure(int status, const msg *m);
+int finish_output();
+
+int run_status(format form)
+{
+    const status_result result = show_status(form);
+    const int printed = finish_output();
+    if (!result.serving)
+        return EXIT_REFUSED;
+    if (result.daemon == 0)
+        return printed;
+    msg m = {};
+    return report_failure(result.daemon, &m);
+}
+
+int run_check(format form)
+{
+    const int findings = show_check(form);
+    const int printed = finish_output();
+    return findings == 0 ? printed : EXIT_REFUSED;
+}
+
+// Commands that are more than one request; they take no operands.
+constexpr struct {
+    const char *name;
+    int (*run)(format form);
+} reports[] = {
+    {"status", run_status},
+    {"check", run_check},
 };
 
 constexpr int most_servers = 4;
@@ -190,6 +227,10 @@ int dispatch(const arguments *args)
     if (args->count == 0)
         return usage_error("a command is missing");
     const char *name = args->operands[0];
+    for (const auto &report : reports) {
+        if (strcmp(report.name, name) == 0)
+            return args->count > 1 ? usage_error("%s: too many arguments", name) : report.run(args->form);
+    }
     const command *c = std::find_if(std::begin(commands), std::end(commands),
                                     [name](const command &each) { return strcmp(each.name, name) == 0; });
     if (c == std::end(commands))

@@ -1,13 +1,19 @@
 """dnsproxyctl against the running daemon."""
 
+import contextlib
 import json
+import os
+import socket
 import subprocess
+from pathlib import Path
 
 import programs
 import pytest
 
 from lab import files, plan
-from lab.daemon import Daemon
+from lab.broker import Broker
+from lab.daemon import TOP, Daemon
+from lab.upstream import silent
 
 RULES = [{"name": "lan", "service_if": "LAN"}]
 OLD = plan.LINES[1].addresses
@@ -145,6 +151,7 @@ def test_usage_errors_send_nothing(daemon):
         ("", "a command is missing"),
         ("lists", "no such command: lists"),
         ("list WAN1", "list: too many arguments"),
+        ("status WAN1", "status: too many arguments"),
         ("delall WAN1 WAN2", "delall: too many arguments"),
         ("delall -i WAN1 WAN1", "delall: the interface is given twice"),
         ("get", "get: the interface is missing"),
@@ -168,7 +175,7 @@ def test_usage_errors_send_nothing(daemon):
 def test_help_and_version_need_no_daemon(lab):
     result = ctl("list --help")
     assert (result.returncode, result.stderr) == (DONE, "")
-    for command in ("list", "addrs", "get", "set", "add", "put", "del", "delall"):
+    for command in ("list", "addrs", "get", "set", "add", "put", "del", "delall", "status", "check"):
         assert f"\n  {command}" in result.stdout
     result = ctl("-V")
     assert result.returncode == DONE and result.stdout.startswith("dnsproxyctl ")
@@ -188,3 +195,206 @@ def test_answer_that_cannot_be_printed(daemon):
         result = ctl("list", stdout=full)
     assert result.returncode == REFUSED
     assert result.stderr == "dnsproxyctl: standard output: No space left on device\n"
+
+
+FORCED = RULES + [{"name": "guest", "service_if": "GUEST", "force_if": "on", "out_if": "WAN2"}]
+BUS = "/var/run/ubus.sock"
+
+
+def program(path: str, text: str) -> None:
+    """A program of the router that the lab does not have."""
+    files.write(path, "#!/bin/sh\n" + text)
+    os.chmod(path, 0o755)
+
+
+@pytest.fixture
+def router(lab, upstreams, start):
+    """Two lines that work, with their bus, and its caller."""
+    program(
+        "/usr/bin/ubus",
+        'while getopts St:s: o; do [ "$o" = s ] && path=$OPTARG; done\n'
+        f'shift $((OPTIND - 1))\ncd {TOP} && exec /usr/bin/python3 -m lab.broker "$path" "$@"\n',
+    )
+    with Broker(BUS) as bus:
+        daemon = start(FORCED, files.resolv_of_lines(1, 2))
+        bus.wait_for("dnsproxy")
+        yield bus
+        assert daemon.alive()
+
+
+def findings() -> list[str]:
+    """What the doctor says, without the remedies."""
+    result = ctl("check")
+    if result.stdout == "nothing found\n":
+        assert result.returncode == DONE
+        return []
+    assert result.returncode == REFUSED
+    return [line.split("; ")[0] for line in result.stdout.splitlines()]
+
+
+def test_status(router, client):
+    for _ in range(3):
+        assert client("g1").ask() is not None
+    assert router.call("dnsproxy", "update_if", {"name": "", "dev": "wan2", "status": "off"})[0] == 0
+    assert answer(f"add WAN3 {A}") == {"result": 0}
+    status = answer("status")
+    assert status["serving"] and {each["name"] for each in status["port53"].values()} == {"dnsproxyd"}
+    rows = [
+        ("wan1", "WAN1", "on", 0, list(OLD[:2]), list(OLD[2:])),
+        ("wan2", "WAN2", "off", 3, list(plan.LINES[2].addresses[:2]), list(plan.LINES[2].addresses[2:])),
+        ("wan3", None, "on", 0, [A], None),
+    ]
+    assert [tuple(line.values()) for line in status["lines"]] == rows
+    assert ctl("status").stdout.splitlines()[-2:] == [
+        "wan2            WAN2            off    3        10.0.2.53 10.0.2.54 fd00:a:2::53 fd00:a:2::54",
+        f"wan3            -               on     0        {A} (IPv6 unknown)",
+    ]
+
+
+def test_status_reads_uses_from_the_log(lab):
+    files.write_rules(RULES)
+    files.write_resolv(files.resolv_of_lines(1))
+    program("/sbin/logread", 'p="Mon daemon.info dnsproxyd[1]: "\necho "$p"ifname:wan1 ifindex:0.\necho "${p}The useCount:7"\n')
+    with Daemon(stdout=subprocess.DEVNULL):
+        (line,) = answer("status")["lines"]
+    assert (line["uses"], line["state"]) == (7, None), "no bus"
+    os.unlink("/sbin/logread")
+
+
+def test_status_without_daemon(lab):
+    result = ctl("status")
+    assert (result.returncode, result.stderr) == (REFUSED, "")
+    assert result.stdout == "serving: no\nUDP port 53 over IPv4: nobody\nUDP port 53 over IPv6: nobody\n"
+    assert json.loads(ctl("status -j").stdout)["lines"] is None
+
+
+def test_check_as_json(router):
+    assert answer("check") == {"findings": []}
+    files.remove(files.RULES)
+    assert json.loads(ctl("check -j").stdout) == {
+        "findings": [
+            {
+                "finding": "/etc/config/dns cannot be read, dnsproxyd ends at its start",
+                "remedy": "write the rules: dnsproxyd-rules(5)",
+            }
+        ]
+    }
+
+
+def rules(*changes: dict[str, str]) -> None:
+    files.write_rules([rule | change for rule, change in zip(FORCED, changes)])
+
+
+def resolv(text: str) -> None:
+    files.write(files.RESOLV, text)
+
+
+RESOLV_OF_BOTH = f"#Interface WAN1\nnameserver {OLD[0]}\n#Interface WAN2\nnameserver 10.0.2.53\n"
+FILE = "/tmp/resolv.conf.auto: "
+
+FAULTS = {
+    "no zone functions": (lambda: files.remove(files.ZONE_API), "/lib/zone/zone_api.sh is missing or broken"),
+    "one zone function": (
+        lambda: files.write(files.ZONE_API, "zone_iface_to_userif() { :; }\n"),
+        "zone_get_effect_devices in /lib/zone/zone_api.sh is missing or broken",
+    ),
+    "no rules file": (lambda: files.remove(files.RULES), "/etc/config/dns cannot be read, dnsproxyd ends at its start"),
+    "no rule": (lambda: files.write_rules([]), "no rule, no network is served"),
+    "unknown service_if": (lambda: rules({"service_if": "NO"}), "rule lan: the zone functions give no device for NO"),
+    "no service_if": (
+        lambda: files.write_rules([{"name": "lan"}]),
+        "rule lan: service_if is missing, it serves nobody",
+    ),
+    "device away": (
+        lambda: rules({"service_if": "IPTV"}),
+        "rule lan: IPTV is br-iptv, a device that is not there",
+    ),
+    "served twice": (
+        lambda: rules({}, {"service_if": "LAN"}),
+        "rule guest: an earlier rule serves br-lan, this one has no effect",
+    ),
+    "spelling": (lambda: rules({"force_if": "On"}), "rule lan: force_if 'On' has no effect"),
+    "no out_if": (
+        lambda: files.write_rules([FORCED[0] | {"force_if": "on"}]),
+        "rule lan: force_if is on but out_if is missing, its hosts get no answer",
+    ),
+    "out device away": (
+        lambda: rules({}, {"out_if": "IPTV"}),
+        "rule guest: IPTV is br-iptv, a device that is not there",
+    ),
+    "forced line without server": (
+        lambda: rules({}, {"out_if": "WAN3"}),
+        "rule guest: the line WAN3 has no DNS server, its hosts get no answer",
+    ),
+    "PPPoE not served": (
+        lambda: files.write_rules([RULES[0], {"name": "dnsproxy_pppoes", "service_if": "PPPOES"}]),
+        "rule dnsproxy_pppoes: no rule serves br-pppoe, PPPoE clients get no answer",
+    ),
+    "no resolver file": (
+        lambda: files.remove(files.RESOLV),
+        FILE[:-2] + " cannot be read, no line has servers at the next start",
+    ),
+    "blank in headings": (
+        lambda: resolv(RESOLV_OF_BOTH.replace("#", "# ")),
+        FILE + "its headings are # Interface NAME, which are not read",
+    ),
+    "no heading": (lambda: resolv("nameserver 10.0.1.53\n"), FILE + "no heading, its servers belong to no line"),
+    "early server": (
+        lambda: resolv("nameserver 10.0.1.53\n" + RESOLV_OF_BOTH),
+        FILE + "servers before the first heading, which are not read",
+    ),
+    "no address": (
+        lambda: resolv(RESOLV_OF_BOTH + "nameserver dns.example\n"),
+        FILE + "dns.example is no address",
+    ),
+    "unknown line": (
+        lambda: resolv(RESOLV_OF_BOTH + "#Interface NO\n"),
+        FILE + "the zone functions give no device for NO, nothing from there on is read",
+    ),
+    "line twice": (
+        lambda: resolv(RESOLV_OF_BOTH + "#Interface WAN1\n"),
+        FILE + "a second section for wan1, nothing from there on is read",
+    ),
+}
+
+
+def test_check_finds_each_fault(router):
+    for fault, (make, finding) in FAULTS.items():
+        files.write_zone_api()
+        files.write_rules(FORCED)
+        resolv(RESOLV_OF_BOTH)
+        make()
+        assert findings() == [finding], fault
+
+
+def test_check_of_lines(router, upstreams, lab):
+    upstreams[1].answer_with(silent, OLD[3])
+    assert findings() == [f"line WAN1: the server {OLD[3]} does not answer through wan1"]
+    upstreams[1].answer_with(silent)
+    silent_line = "line WAN1: none of its 4 servers answers through wan1"
+    assert findings() == [silent_line]
+    answer(f"add WAN3 {plan.LINES[3].addresses[0]}")
+    lab.line_delete(3)
+    assert findings() == ["line wan3: the device is not there but counts as up", silent_line]
+    for device in ("wan1", "wan3"):
+        router.call("dnsproxy", "update_if", {"name": "", "dev": device, "status": "off"})
+    assert findings() == []
+    lab.line_create(3)
+
+
+@pytest.mark.parametrize("families, told", [((4, 6), "IPv4 and IPv6"), ((6,), "IPv6"), ((4,), "IPv4")])
+def test_check_tells_who_has_the_port(lab, upstreams, families, told):
+    files.write_rules(RULES)
+    files.write_resolv(files.resolv_of_lines(1))
+    with contextlib.ExitStack() as stack:
+        for family in families:
+            sock = stack.enter_context(socket.socket(socket.AF_INET6 if family == 6 else socket.AF_INET, socket.SOCK_DGRAM))
+            sock.bind(("::1" if family == 6 else "127.0.0.53", 53))
+        name = Path("/proc/self/comm").read_text(encoding="ascii").strip()
+        holder = f"UDP port 53 over {told} belongs to {name} (process {os.getpid()})"
+        assert findings() == [holder]
+        with Daemon(serving=False):
+            status = ctl("status")
+            assert (status.returncode, status.stdout.splitlines()[0]) == (REFUSED, "serving: no")
+            assert findings() == [holder]
+    assert findings() == ["dnsproxyd is not running"]

@@ -1,0 +1,29 @@
+// Who holds UDP port 53 of this machine.
+#ifndef TOOLS_PORT53_H
+#define TOOLS_PORT53_H
+
+#include <sys/types.h>
+
+struct process {
+    pid_t pid; // 0: nobody; -1: somebody whom this user may not see
+    char name[16];
+
+    [[nodiscard]] bool is_daemon() const;
+};
+
+struct port53 {
+    process ipv4;
+    process ipv6;
+
+    // The daemon serves when it has both: with one taken from it, it gives up the other unused.
+    [[nodiscard]] bool served() const { return ipv4.is_daemon() && ipv6.is_daemon(); }
+};
+
+// Of each family the daemon if it holds the port, else the first other process that has it at any address,
+// which is enough to keep the daemon from opening it.
+port53 port53_owners();
+
+// A running daemon, whatever it holds; pid 0 when there is none.
+process find_daemon();
+
+#endif
