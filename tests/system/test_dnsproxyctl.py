@@ -12,7 +12,7 @@ import pytest
 
 from lab import files, plan
 from lab.broker import Broker
-from lab.daemon import TOP, Daemon
+from lab.daemon import Daemon
 from lab.upstream import silent
 
 RULES = [{"name": "lan", "service_if": "LAN"}]
@@ -201,20 +201,10 @@ FORCED = RULES + [{"name": "guest", "service_if": "GUEST", "force_if": "on", "ou
 BUS = "/var/run/ubus.sock"
 
 
-def program(path: str, text: str) -> None:
-    """A program of the router that the lab does not have."""
-    files.write(path, "#!/bin/sh\n" + text)
-    os.chmod(path, 0o755)
-
-
 @pytest.fixture
 def router(lab, upstreams, start):
     """Two lines that work, with their bus, and its caller."""
-    program(
-        "/usr/bin/ubus",
-        'while getopts St:s: o; do [ "$o" = s ] && path=$OPTARG; done\n'
-        f'shift $((OPTIND - 1))\ncd {TOP} && exec /usr/bin/python3 -m lab.broker "$path" "$@"\n',
-    )
+    programs.install_ubus()
     with Broker(BUS) as bus:
         daemon = start(FORCED, files.resolv_of_lines(1, 2))
         bus.wait_for("dnsproxy")
@@ -254,7 +244,8 @@ def test_status(router, client):
 def test_status_reads_uses_from_the_log(lab):
     files.write_rules(RULES)
     files.write_resolv(files.resolv_of_lines(1))
-    program("/sbin/logread", 'p="Mon daemon.info dnsproxyd[1]: "\necho "$p"ifname:wan1 ifindex:0.\necho "${p}The useCount:7"\n')
+    head = "echo Mon daemon.info dnsproxyd[1]: "
+    programs.install("/sbin/logread", f"{head}ifname:wan1 ifindex:0.\n{head}The useCount:7\n")
     with Daemon(stdout=subprocess.DEVNULL):
         (line,) = answer("status")["lines"]
     assert (line["uses"], line["state"]) == (7, None), "no bus"
@@ -298,7 +289,10 @@ FAULTS = {
         lambda: files.write(files.ZONE_API, "zone_iface_to_userif() { :; }\n"),
         "zone_get_effect_devices in /lib/zone/zone_api.sh is missing or broken",
     ),
-    "no rules file": (lambda: files.remove(files.RULES), "/etc/config/dns cannot be read, dnsproxyd ends at its start"),
+    "no rules file": (
+        lambda: files.remove(files.RULES),
+        "/etc/config/dns cannot be read, dnsproxyd ends at its start",
+    ),
     "no rule": (lambda: files.write_rules([]), "no rule, no network is served"),
     "unknown service_if": (lambda: rules({"service_if": "NO"}), "rule lan: the zone functions give no device for NO"),
     "no service_if": (
@@ -388,8 +382,8 @@ def test_check_tells_who_has_the_port(lab, upstreams, families, told):
     files.write_resolv(files.resolv_of_lines(1))
     with contextlib.ExitStack() as stack:
         for family in families:
-            sock = stack.enter_context(socket.socket(socket.AF_INET6 if family == 6 else socket.AF_INET, socket.SOCK_DGRAM))
-            sock.bind(("::1" if family == 6 else "127.0.0.53", 53))
+            kind, address = (socket.AF_INET6, "::1") if family == 6 else (socket.AF_INET, "127.0.0.53")
+            stack.enter_context(socket.socket(kind, socket.SOCK_DGRAM)).bind((address, 53))
         name = Path("/proc/self/comm").read_text(encoding="ascii").strip()
         holder = f"UDP port 53 over {told} belongs to {name} (process {os.getpid()})"
         assert findings() == [holder]

@@ -1,0 +1,56 @@
+"""docs/administration.md, run as a reader would: each example's rules make a daemon, each command prints what the
+page shows.
+"""
+
+import contextlib
+import re
+
+import programs
+
+from lab import files, netns
+from lab.broker import Broker
+from lab.daemon import TOP, Daemon
+from lab.upstream import answer, delayed
+
+PAGE = TOP / "docs/administration.md"
+BLOCK = re.compile(r"^(?:##+ (?P<heading>[^\n]*)|```(?P<kind>\w+)\n(?P<text>.*?)^```)$", re.MULTILINE | re.DOTALL)
+COMMAND = re.compile(r"^(router(?=#)|\w+(?=\$))[#$] (.*)$")
+
+
+def run(prompt: str, command: str) -> str:
+    """What a command prints, with process numbers that do not change."""
+    result = netns.run(None if prompt == "router" else prompt, ["sh", "-c", command], timeout=30)
+    return re.sub(r"process \d+", "process 812", result.stdout + result.stderr)
+
+
+def printed(console: str) -> str:
+    """A console block with what its commands print now."""
+    text = ""
+    for line in console.splitlines():
+        if found := COMMAND.match(line):
+            text += line + "\n" + run(*found.groups())
+    return text
+
+
+def test_administration(upstreams, monkeypatch):
+    programs.install_ubus()
+    monkeypatch.setenv("PATH", f"{programs.path('tools')}:/usr/sbin:/usr/bin:/sbin:/bin")
+    seen = set()
+    with Broker("/var/run/ubus.sock") as bus, contextlib.ExitStack() as running:
+        for block in BLOCK.finditer(PAGE.read_text(encoding="utf-8")):
+            kind, text = block["kind"], block["text"]
+            seen.add(kind)
+            if kind is None:
+                upstreams[1].answer_with(delayed(0.3) if "fastest" in block["heading"] else answer)
+            elif kind == "resolv":
+                files.write(files.RESOLV, text)
+            elif kind == "uci":
+                running.close()
+                files.write(files.RULES, text)
+                daemon = running.enter_context(Daemon())
+                bus.wait_for("dnsproxy")
+            elif kind == "console":
+                assert printed(text) == text
+            else:
+                assert kind == "dump" and text in daemon.output()
+    assert seen == {None, "resolv", "uci", "console", "dump"}
