@@ -83,7 +83,7 @@ template <class F> bool serve(const dnsproxy_server_if *sif, const fd_set *ready
     uint8_t message[DNSPROXY_MESSAGE_SIZE];
     memset(message, 0, DNSPROXY_HEADER_SIZE); // a short reply has no flags
     // Whoever sent it: a reply is matched by its identifier alone.
-    const ssize_t got = recv(fd, message, sizeof message, MSG_DONTWAIT);
+    const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT, nullptr, nullptr);
     if (got < 0) {
         DNSPROXY_LOG(ERROR, op, static_cast<int>(got), F::msg_recv, sif->ifname);
         return false;

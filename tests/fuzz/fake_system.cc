@@ -262,7 +262,7 @@ ssize_t __wrap_recvfrom(int fd, void *buffer, size_t size, int flags, sockaddr *
     must((flags & MSG_DONTWAIT) != 0, "no receive waits");
     datagram d;
     const ssize_t length = take(fd, &d, buffer, size);
-    if (length >= 0)
+    if (length >= 0 && from != nullptr)
         *from_length = put_peer(d.from, from);
     return length;
 }
