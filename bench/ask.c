@@ -18,7 +18,7 @@
 enum { DNS_PORT = 53, SOCKETS_MAX = 64, IDS = 65536, MESSAGE_SIZE = 512 };
 
 static const int64_t SECOND = 1000000000;
-static const int64_t PATIENCE = 2000000000; /* for the replies after the last query */
+static const int64_t PATIENCE = 3000000000; /* for the replies after the last query */
 
 static struct pollfd sockets[SOCKETS_MAX];
 static unsigned socket_count;
