@@ -1,5 +1,6 @@
-"""Pictures as SVG: rows of bars and lines over a logarithmic axis, in panels one below the other."""
+"""Pictures as SVG: rows of bars, and lines through points, in panels one below the other."""
 
+import math
 from collections.abc import Sequence
 from html import escape
 
@@ -56,11 +57,17 @@ def bars(
     return y + 12, drawn
 
 
+def _round_above(value: float) -> float:
+    """The least of 1, 2, 4 or 8 times a power of ten that the value does not exceed; 1 for nothing."""
+    power = 10.0 ** math.floor(math.log10(value)) if value > 0 else 1
+    return next(power * step for step in (1, 2, 4, 8, 10) if value <= power * step)
+
+
 def lines(title: str, x_name: str, y_name: str, series: dict[str, Sequence[tuple[float, float]]]) -> Panel:
     """Lines through points; the axis below has the points' places, at even distances."""
     places = sorted({x for points in series.values() for x, _ in points})
-    top = max(y for points in series.values() for _, y in points) * 1.1 or 1
-    left, right, up, down = 70, WIDTH - 20, 34, 214
+    top = _round_above(max(y for points in series.values() for _, y in points))
+    left, right, up, down = 70, WIDTH - 40, 34, 214
 
     def at(x: float, y: float) -> tuple[float, float]:
         across = places.index(x) / max(1, len(places) - 1)
