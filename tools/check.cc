@@ -55,10 +55,11 @@ void find_port_owner(doctor *d, const char *families, const process &owner)
 {
     char holder[48];
     (void)snprintf(holder, sizeof holder, owner.pid > 0 ? "%s (process %d)" : "%s", owner.name, owner.pid);
-    d->find(strcmp(owner.name, "dnsmasq") == 0
-                ? "uci set dhcp.@dnsmasq[0].port=0, uci commit dhcp, restart dnsmasq, then dnsproxyd"
-                : "stop that program or give it another port, then restart dnsproxyd",
-            "UDP port 53 over %s belongs to %s", families, holder);
+    d->find(
+        strcmp(owner.name, "dnsmasq") == 0
+            ? "uci set dhcp.@dnsmasq[0].port=0 && uci commit dhcp && reload_config, then restart dnsproxyd"
+            : "stop that program or give it another port, then restart dnsproxyd",
+        "UDP port 53 over %s belongs to %s", families, holder);
 }
 
 void check_port(doctor *d)
@@ -158,12 +159,14 @@ void check_forced(doctor *d, const dnsproxy_rule &rule, const char *who)
     }
     if (!map(d, who, rule.out_if, device))
         return;
+    const line *out = d->table.find(device);
     if (!device_exists(device)) {
-        d->find("bring the line up or correct the rule", "%s: %s is %s, a device that is not there", who,
-                rule.out_if, device);
+        // A line that counts as up is a finding of its own.
+        if (out == nullptr || out->state == link_state::down)
+            d->find("bring the line up or correct the rule", "%s: %s is %s, a device that is not there", who,
+                    rule.out_if, device);
         return;
     }
-    const line *out = d->table.find(device);
     if (out == nullptr || !out->has_server())
         d->find("give it one: dnsproxyctl put NAME SERVER",
                 "%s: the line %s has no DNS server, its hosts get no answer", who, rule.out_if);
@@ -288,14 +291,19 @@ void check_resolver_file(doctor *d)
     if (s.blank_heading)
         d->find("write #Interface NAME, without the blank",
                 "%s: its headings are # Interface NAME, which are not read", resolver_path);
-    else if (d->findings == before && s.headings == 0)
+    else if (s.headings == 0 && s.server_too_early)
         d->find("begin each line's servers with #Interface NAME",
                 "%s: no heading, its servers belong to no line", resolver_path);
     else if (s.server_too_early)
         d->find("move them below a heading #Interface NAME",
                 "%s: servers before the first heading, which are not read", resolver_path);
-    else if (d->findings == before && d->can_map && d->table.count == 0)
+    else if (d->findings == before && d->can_map && !d->table.has_server())
         d->find("give one to a line: dnsproxyctl add NAME SERVER", "no line has a DNS server");
+}
+
+const char *name_of(const line &l)
+{
+    return l.logical[0] != '\0' ? l.logical : l.device;
 }
 
 void find_silent(doctor *d, const line &l, const question *questions, int count)
@@ -303,10 +311,9 @@ void find_silent(doctor *d, const line &l, const question *questions, int count)
     int silent = 0;
     for (int i = 0; i < count; i++)
         silent += questions[i].answered ? 0 : 1;
-    const char *name = l.logical[0] != '\0' ? l.logical : l.device;
     if (silent > 1 && silent == count) {
         d->find("check the line and its firewall rules", "line %s: none of its %d servers answers through %s",
-                name, count, l.device);
+                name_of(l), count, l.device);
         return;
     }
     for (int i = 0; i < count; i++) {
@@ -314,7 +321,7 @@ void find_silent(doctor *d, const line &l, const question *questions, int count)
         questions[i].text(address);
         if (!questions[i].answered)
             d->find("check it, or set another: dnsproxyctl set NAME SERVER",
-                    "line %s: the server %s does not answer through %s", name, address, l.device);
+                    "line %s: the server %s does not answer through %s", name_of(l), address, l.device);
     }
 }
 
@@ -334,7 +341,7 @@ void check_lines(doctor *d)
             count += questions_of(&l, &questions[count]);
         else if (d->can_map)
             d->find("bring it up or mark it down: ubus call dnsproxy update_if",
-                    "line %s: the device is not there but counts as up", l.device);
+                    "line %s: its device %s is not there but counts as up", name_of(l), l.device);
     }
     first[d->table.count] = count;
     ask(questions, count);

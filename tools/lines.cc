@@ -220,6 +220,11 @@ line *line_table::find(const char *device)
     return nullptr;
 }
 
+bool line_table::has_server() const
+{
+    return std::any_of(lines, lines + count, [](const line &l) { return l.has_server(); });
+}
+
 void lines_read(line_table *table, const port53 &port)
 {
     *table = {};

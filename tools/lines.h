@@ -32,6 +32,7 @@ struct line_table {
     bool on_bus;
 
     [[nodiscard]] line *find(const char *device);
+    [[nodiscard]] bool has_server() const; // any line
 };
 
 // Fills the table. A daemon that does not own the port is not asked: it has given up serving its requests

@@ -369,11 +369,15 @@ def test_check_of_lines(router, upstreams, lab):
     assert findings() == [silent_line]
     answer(f"add WAN3 {plan.LINES[3].addresses[0]}")
     lab.line_delete(3)
-    assert findings() == ["line wan3: the device is not there but counts as up", silent_line]
-    for device in ("wan1", "wan3"):
+    lab.line_delete(2)
+    away = "line {}: its device {} is not there but counts as up"
+    assert findings() == [away.format("WAN2", "wan2"), away.format("wan3", "wan3"), silent_line]
+    for device in ("wan1", "wan2", "wan3"):
         router.call("dnsproxy", "update_if", {"name": "", "dev": device, "status": "off"})
-    assert findings() == []
+    assert findings() == ["rule guest: WAN2 is wan2, a device that is not there"]
+    lab.line_create(2)
     lab.line_create(3)
+    assert findings() == []
 
 
 @pytest.mark.parametrize("families, told", [((4, 6), "IPv4 and IPv6"), ((6,), "IPv6"), ((4,), "IPv4")])
@@ -392,3 +396,5 @@ def test_check_tells_who_has_the_port(lab, upstreams, families, told):
             assert (status.returncode, status.stdout.splitlines()[0]) == (REFUSED, "serving: no")
             assert findings() == [holder]
     assert findings() == ["dnsproxyd is not running"]
+    files.write_resolv({"WAN1": []})
+    assert findings()[1:] == ["no line has a DNS server"]
