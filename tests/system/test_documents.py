@@ -1,11 +1,12 @@
-"""docs/administration.md, run as a reader would: each example's rules make a daemon, each command prints what the
-page shows.
+"""The documents, run as a reader would: each example's rules make a daemon, each command of docs/administration.md
+prints what the page shows.
 """
 
 import contextlib
 import re
 
 import programs
+import pytest
 
 from lab import files, netns
 from lab.broker import Broker
@@ -32,9 +33,34 @@ def printed(console: str) -> str:
     return text
 
 
-def test_administration(upstreams, monkeypatch):
+@pytest.fixture(autouse=True)
+def router_programs(monkeypatch):
     programs.install_ubus()
     monkeypatch.setenv("PATH", f"{programs.path('tools')}:/usr/sbin:/usr/bin:/sbin:/bin")
+
+
+@pytest.mark.parametrize(
+    "document, example, count",
+    [
+        ("docs/man/dnsproxyd-rules.5", r"^\.EX\n(.*?)^\.EE$", 4),
+        ("README.md", r"^((?:    (?:config rule|    option [^\n]*)?\n|\n)+)", 1),
+    ],
+)
+def test_rules_of_other_documents(upstreams, document, example, count):
+    text = (TOP / document).read_text(encoding="utf-8")
+    examples = [found for found in re.findall(example, text, re.MULTILINE | re.DOTALL) if "config rule" in found]
+    assert len(examples) == count
+    files.write_resolv(files.resolv_of_lines(1, 2))
+    with Broker("/var/run/ubus.sock") as bus:
+        for rules in examples:
+            files.write(files.RULES, rules)
+            with Daemon() as daemon:
+                bus.wait_for("dnsproxy")
+                assert run("router", "dnsproxyctl check") == "nothing found\n", rules
+                assert f"listen interface(size:{rules.count('config rule') - rules.count('pppoes')})" in daemon.output()
+
+
+def test_administration(upstreams):
     seen = set()
     with Broker("/var/run/ubus.sock") as bus, contextlib.ExitStack() as running:
         for block in BLOCK.finditer(PAGE.read_text(encoding="utf-8")):
