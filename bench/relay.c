@@ -1,11 +1,12 @@
 /*
- * The least that a DNS proxy can do: no table, no timer, no rule. One device, one server, one family.
+ * The least that a DNS proxy can do: no table, no timer, no rule. One device, one server, one family; the
+ * form of the server's address is the family that is served.
  *
- * relay SERVER DEVICE            one by one, as a proxy on select: per query it waits, receives with the
- * arrival device, sends, waits, receives the reply and sends that relay --batch SERVER DEVICE    after a wait
- * all that is there, up to 32, is received and sent with one call each
+ * relay SERVER DEVICE: one by one, as a proxy on select. Per query it waits, receives with the arrival
+ * device, sends, waits, receives the reply and sends that.
  *
- * The form of the server's address is the family that is served.
+ * relay --batch SERVER DEVICE: after a wait all that is there, up to 32, is received and sent with one call
+ * each.
  */
 #include <arpa/inet.h>
 #include <netinet/in.h>
