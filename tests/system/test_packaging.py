@@ -118,7 +118,11 @@ class Router:
         return int(pid) if pid and os.path.exists(f"/proc/{pid}/exe") else None
 
     def serves(self) -> bool:
-        return all(daemon.owns_udp_port(self.pid() or 0, 53, family) for family in (4, 6))
+        """Owns the ports and waits for queries: a start that still waits for the kernel cannot be ended at once."""
+        pid = self.pid() or 0
+        if not all(daemon.owns_udp_port(pid, 53, family) for family in (4, 6)):
+            return False
+        return Path(f"/proc/{pid}/stat").read_text("ascii").rpartition(")")[2].split()[0] == "S"
 
     def wait_serving(self) -> int:
         wait.until(self.serves, f"the service to own port 53; the log:\n{self.read('tmp/log')}")
@@ -130,6 +134,7 @@ def router(root, lab):
     router = Router()
     yield router
     router.init("stop")
+    wait.until(lambda: router.pid() is None, "the daemon to end")
     assert not re.search("Sanitizer|runtime error:", router.read("tmp/procd/output"))
 
 
@@ -317,6 +322,7 @@ def test_service(router, upstreams, client, departures):
         for network in ("wan", "wan6"):
             router.event("ifdown", network)
         assert bus.states() == {"wan2": "on"}
+        assert router.read(STATES) == "wan2=on\nwan1=off\n"
         assert ways(client, departures) == {"wan2"}
 
         router.networks(wan | wanb)
@@ -335,6 +341,9 @@ def test_service(router, upstreams, client, departures):
         assert router.sh("dnsproxyctl -j get wanb") == (
             f'{{"interface":"wanb","ipv4":["{WAN2[1]}",null],"ipv6":[null,null]}}\n'
         )
+        for action, state in (("disconnected", "off"), ("connected", "on")):
+            router.event(action, "wanb")  # a state alone, without a change of servers
+            assert bus.states() == {"wan1": "on", "wan2": state}
 
         router.networks(wan | {"wanb": f"wan3 {WAN2[1]}"})  # as a modem that was plugged in again
         router.event("ifup", "wanb")
@@ -352,6 +361,9 @@ def test_service(router, upstreams, client, departures):
     with subprocess.Popen(["chroot", ROOT, INIT, "stop"]):
         wait.until(lambda: router.pid() is None, "the daemon to end", timeout=1.0)
     assert not router.sh("grep -h ':0035 ' /proc/net/udp /proc/net/udp6")
+    (ROOT / RESOLVER).unlink()
+    router.event("ifup", "wan")
+    assert not (ROOT / RESOLVER).exists(), "events count for a daemon that is meant to run"
 
 
 def test_capabilities_are_enough(lab, upstreams, client, tmp_path):

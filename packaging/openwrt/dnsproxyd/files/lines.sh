@@ -11,6 +11,8 @@
 # their servers go together under the first one's name. A network counts while it is up, has DNS servers, and has
 # a default route or stands in the list "line" of /etc/config/dns.
 #
+# A line whose networks are all down is taken out of the daemon, and its device is off for when it is put in by hand.
+#
 # mwan3 tests networks, the daemon wants to know about devices: a line is off when mwan3 has disconnected a network
 # on it and connected none. Of a line that is on, the disconnected networks' servers are left out. A line that is
 # off keeps its IPv4 servers, for rules that force it and for when all are off; its IPv6 servers, for which the
@@ -92,6 +94,14 @@ lines() {
         }'
 }
 
+# NAME DEVICE on|off of the lines, and of the devices whose networks are down.
+states() {
+    awk '
+        FILENAME == ARGV[1] { print $1, $2, $3; shown[$2]; next }
+        FILENAME == ARGV[2] { shown[$2]; next }
+        !($2 in shown) { print $1, $2, "off"; shown[$2] }' "$RUN/lines" "$RUN/networks" "$RUN/devices"
+}
+
 # differences OLD NEW: what to tell dnsproxyctl. The daemon maps each name to the device that the network has by
 # then, so a line that has gone goes by its device where its name now belongs to another line.
 differences() {
@@ -112,9 +122,9 @@ replace() { cat >"$1.new" && mv "$1.new" "$1"; }
 
 write_files() {
     mkdir -p /tmp/online
-    awk '{ print "#Interface " $1; for (i = 4; i <= NF; i++) print "nameserver " $i }' "$1" |
+    awk '{ print "#Interface " $1; for (i = 4; i <= NF; i++) print "nameserver " $i }' "$RUN/lines" |
         replace /tmp/resolv.conf.auto
-    awk '{ print $2 "=" $3 }' "$1" | replace /tmp/online/state
+    states | awk '{ print $2 "=" $3 }' | replace /tmp/online/state
 }
 
 tell_daemon() {
@@ -132,9 +142,9 @@ tell_daemon() {
 
 tell_bus() {
     local name device state
-    while read -r name device state _; do
+    states | while read -r name device state; do
         ubus call dnsproxy update_if "{\"name\":\"$name\",\"dev\":\"$device\",\"status\":\"$state\"}" </dev/null
-    done <"$1" >/dev/null 2>&1
+    done >/dev/null 2>&1
 }
 
 main() {
@@ -157,9 +167,9 @@ main() {
     awk '!seen[$0]++' "$RUN/networks" "$RUN/devices" | replace "$RUN/devices"
     candidates <"$RUN/networks" | lines | replace "$RUN/lines"
     # The files come first: a daemon that does not hear what follows has yet to read them.
-    write_files "$RUN/lines"
+    write_files
     tell_daemon "$before" "$RUN/lines"
-    tell_bus "$RUN/lines"
+    tell_bus
 }
 
 main "$@"
