@@ -1,7 +1,7 @@
 # Flags of everything in the tree (dnsproxyd_common) and of what is installed (dnsproxyd_shipped).
 add_library(dnsproxyd_common INTERFACE)
 target_compile_options(dnsproxyd_common INTERFACE
-    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${DNSPROXYD_WERROR}>:-Werror>)
 if(DNSPROXYD_SANITIZE)
     # No vptr and function checks: they need run-time type information and a part of clang's library for C++,
     # which the daemon is built without.
