@@ -7,10 +7,15 @@
 #include <iterator>
 #include <vector>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+extern "C" {
+[[gnu::weak]] int LLVMFuzzerInitialize(int *argc, char ***argv);
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+}
 
 int main(int argc, char **argv)
 {
+    if (LLVMFuzzerInitialize != nullptr)
+        (void)LLVMFuzzerInitialize(&argc, &argv);
     int files = 0;
     for (int i = 1; i < argc; i++) {
         for (const auto &entry : std::filesystem::directory_iterator(argv[i])) {
