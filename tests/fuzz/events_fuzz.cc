@@ -3,9 +3,9 @@
 // whether the next event belongs to the same pass of the loop.
 
 #include <cstring>
-#include <iterator>
 
 #include "core/log.h"
+#include "tests/fuzz/fuzz.h"
 #include "tests/fuzz/life.h"
 #include "tests/fuzz/model.h"
 
@@ -19,6 +19,11 @@ constexpr const char *lines[] = {"wan1", "wan2", "wan3", "pt-vpn0"};
 constexpr const char *logical_names[] = {"WAN1",     "WAN2",     "WAN3",    "VPN",
                                          "loopback", "NAMELESS", "nothing", ";"};
 
+unsigned byte(fuzz_reader *in)
+{
+    return in->take_value<uint8_t>();
+}
+
 std::string message(unsigned id, bool response, size_t length)
 {
     std::string bytes(length + 3, '\0');
@@ -26,28 +31,28 @@ std::string message(unsigned id, bool response, size_t length)
     return with_id(bytes, static_cast<uint16_t>(id)).substr(0, length);
 }
 
-void query(fuzz_input *in, unsigned number)
+void query(fuzz_reader *in, unsigned number)
 {
-    const unsigned who = in->byte();
-    const unsigned id = in->byte();
+    const unsigned who = byte(in);
+    const unsigned id = byte(in);
     const bool v6 = (who & 8) != 0;
-    std::string address = v6 ? std::string("\xfd\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 15) : "\xc0\xa8\1";
-    address += static_cast<char>(who >> 4 & 3);
-    ask({v6, address, static_cast<uint16_t>(1000 + (who >> 6))}, listen_devices[who & 7],
-        message(id, false, lengths[number]));
+    peer host = {.v6 = v6, .port = static_cast<uint16_t>(1000 + (who >> 6))};
+    host.address[0] = '\xfd';
+    host.address[3] = static_cast<char>(who >> 4 & 3);
+    ask(host, listen_devices[who & 7], message(id, false, lengths[number]));
 }
 
-void reply(fuzz_input *in, unsigned number)
+void reply(fuzz_reader *in, unsigned number)
 {
-    const unsigned how = in->byte();
+    const unsigned how = byte(in);
     const bool v6 = (how & 4) != 0;
-    answer(v6, lines[how & 3], message(identifier(v6, in->byte()), (how & 8) == 0, lengths[number]));
+    answer(v6, lines[how & 3], message(identifier(v6, byte(in)), (how & 8) == 0, lengths[number]));
 }
 
-void change_servers(fuzz_input *in, unsigned number)
+void change_servers(fuzz_reader *in, unsigned number)
 {
-    const unsigned how = in->byte();
-    const unsigned servers = in->byte();
+    const unsigned how = byte(in);
+    const unsigned servers = byte(in);
     dnsproxy_public_msg m = {};
     m.op = how & 15;
     strcpy(m.ifname, logical_names[number]);
@@ -61,32 +66,34 @@ void change_servers(fuzz_input *in, unsigned number)
     m.dns6.sin6_addr.s6_addr[15] = static_cast<uint8_t>(servers >> 4 & 3);
     m.dns6_2.sin6_addr.s6_addr[15] = static_cast<uint8_t>(servers >> 6);
     std::string bytes(reinterpret_cast<const char *>(&m), sizeof m);
-    bytes.resize((how & 128) != 0 ? in->byte() : sizeof m);
+    bytes.resize((how & 128) != 0 ? byte(in) : sizeof m);
     request(bytes);
 }
 
-void link_state(fuzz_input *in, unsigned number)
+void link_state(fuzz_reader *in, unsigned number)
 {
     static constexpr const char *files[] = {"", "wan1=off\nwan2=off\nwan3=off\n", "pt-vpn0=off\nwan3=on\n",
                                             "="};
     if (number < 4)
-        set_link(lines[number], (in->byte() & 1) != 0);
+        set_link(lines[number], (byte(in) & 1) != 0);
     else
         sys.online_state = files[number - 4];
 }
 
-void device_or_netlink(fuzz_input *in, unsigned number)
+void device_or_netlink(fuzz_reader *in, unsigned number)
 {
-    const unsigned which = in->byte();
+    const unsigned which = byte(in);
     if (number < 4)
         toggle_device(which);
-    else
-        netlink(in->take(which % 40));
+    else {
+        const fuzz_bytes batch = in->take(which % 40);
+        netlink({batch.begin(), batch.end()});
+    }
 }
 
-void fault(fuzz_input *in, unsigned number)
+void fault(fuzz_reader *in, unsigned number)
 {
-    const unsigned bits = in->byte();
+    const unsigned bits = byte(in);
     if (number < 4)
         sys.allocations_left = static_cast<int>(bits % 16);
     else
@@ -94,9 +101,9 @@ void fault(fuzz_input *in, unsigned number)
 }
 
 // Whether the next event belongs to the same pass.
-bool happen(fuzz_input *in)
+bool happen(fuzz_reader *in)
 {
-    const unsigned event = in->byte();
+    const unsigned event = byte(in);
     const unsigned number = event >> 4 & 7;
     switch (event & 15) {
     case 0:
@@ -126,7 +133,7 @@ bool happen(fuzz_input *in)
         fault(in, number);
         break;
     case 12:
-        set_next_identifier(in->word());
+        set_next_identifier(in->take_value<uint16_t>());
         break;
     default:
         break;
@@ -138,12 +145,12 @@ bool happen(fuzz_input *in)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
-    fuzz_input in(bytes, size);
-    const int log_level = in.byte() == 255 ? DNSPROXY_LOG_TRACE : 0;
-    live(in.word(), log_level, [&in] {
-        while (!in.is_over() && happen(&in)) {
+    fuzz_reader in(bytes, size);
+    const int log_level = byte(&in) == 255 ? DNSPROXY_LOG_TRACE : 0;
+    live(in.take_value<uint16_t>(), log_level, [&in] {
+        while (!in.is_empty() && happen(&in)) {
         }
-        return !in.is_over();
+        return !in.is_empty();
     });
     return 0;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -108,16 +109,16 @@ socklen_t put_peer(const peer &from, sockaddr *to)
 
 peer get_peer(const sockaddr *from, socklen_t length)
 {
-    if (from->sa_family == AF_INET6) {
-        must(length == sizeof(sockaddr_in6), "an IPv6 address has its length");
-        sockaddr_in6 a;
-        memcpy(&a, from, sizeof a);
-        return {true, {reinterpret_cast<char *>(&a.sin6_addr), sizeof a.sin6_addr}, a.sin6_port};
-    }
-    must(from->sa_family == AF_INET && length == sizeof(sockaddr_in), "an IPv4 address has its length");
-    sockaddr_in a;
-    memcpy(&a, from, sizeof a);
-    return {false, {reinterpret_cast<char *>(&a.sin_addr), sizeof a.sin_addr}, a.sin_port};
+    const bool v6 = from->sa_family == AF_INET6;
+    must(v6 || from->sa_family == AF_INET, "an address has a family");
+    must(length == (v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in)), "an address has its length");
+    peer to = {.v6 = v6};
+    const char *bytes = reinterpret_cast<const char *>(from);
+    memcpy(&to.port, bytes + offsetof(sockaddr_in, sin_port), sizeof to.port);
+    memcpy(to.address.data(),
+           bytes + (v6 ? offsetof(sockaddr_in6, sin6_addr) : offsetof(sockaddr_in, sin_addr)),
+           v6 ? sizeof(in6_addr) : sizeof(in_addr));
+    return to;
 }
 
 // The next datagram of a file, cut to the buffer as the kernel does it.
@@ -275,16 +276,16 @@ ssize_t __wrap_recvmsg(int fd, msghdr *header, int flags)
     if (length < 0 || fd == dnsproxy_data.intfFd)
         return length;
     header->msg_namelen = put_peer(d.from, static_cast<sockaddr *>(header->msg_name));
+    in_pktinfo info = {};
+    info.ipi_ifindex = d.ifindex;
+    const in6_pktinfo info6 = {.ipi6_addr = {}, .ipi6_ifindex = static_cast<unsigned>(d.ifindex)};
     const int other = d.told == arrival::told_otherwise ? 1 : 0;
     if (d.told == arrival::not_told)
         header->msg_controllen = 0;
     else if (d.from.v6)
-        header->msg_controllen =
-            put_control(header, IPPROTO_IPV6, IPV6_PKTINFO + other,
-                        in6_pktinfo{.ipi6_addr = {}, .ipi6_ifindex = static_cast<unsigned>(d.ifindex)});
+        header->msg_controllen = put_control(header, IPPROTO_IPV6, IPV6_PKTINFO + other, info6);
     else
-        header->msg_controllen =
-            put_control(header, IPPROTO_IP, IP_PKTINFO + other, in_pktinfo{.ipi_ifindex = d.ifindex});
+        header->msg_controllen = put_control(header, IPPROTO_IP, IP_PKTINFO + other, info);
     return length;
 }
 

@@ -5,7 +5,7 @@
 #ifndef TESTS_FUZZ_FAKE_SYSTEM_H
 #define TESTS_FUZZ_FAKE_SYSTEM_H
 
-#include <compare>
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <dnsproxy/client.h>
@@ -27,16 +27,16 @@ struct device {
 // The other side of a datagram.
 struct peer {
     bool v6 = false;
-    std::string address; // 4 or 16 bytes
-    uint16_t port = 0;   // network order
-    auto operator<=>(const peer &) const = default;
+    std::array<char, 16> address = {}; // the first four of IPv4
+    uint16_t port = 0;                 // network order
+    bool operator==(const peer &) const = default;
 };
 
 enum class arrival { told, not_told, told_otherwise }; // how the control message names the device
 
 struct datagram {
     std::string bytes;
-    peer from;
+    peer from = {};
     int ifindex = 0;
     arrival told = arrival::told;
 };
@@ -44,9 +44,9 @@ struct datagram {
 struct open_file {
     enum { SOCKET, REQUEST_PIPE, REPLY_PIPE } kind = SOCKET;
     int family = 0;
-    std::string device; // that the socket is tied to; "": none
-    int ifindex = 0;    // of that device when it was tied
-    std::deque<datagram> waiting;
+    std::string device = {}; // that the socket is tied to; "": none
+    int ifindex = 0;         // of that device when it was tied
+    std::deque<datagram> waiting = {};
 };
 
 // A datagram that the daemon handed to a socket.
@@ -69,7 +69,7 @@ struct fake_system {
     std::vector<device> devices;
     std::map<int, open_file> files; // by descriptor
     std::vector<sending> sendings;
-    std::vector<std::string> pipe_replies; // blocks written to the reply pipe
+    std::vector<std::string> pipe_replies; // blocks written to the reply pipe by this step
     std::string online_state;              // text of the link-state file; empty: no file
     std::string file_text;                 // behind the stream that is open; one at a time is
     int reports = 0;                       // events reported

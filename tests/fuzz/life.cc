@@ -2,12 +2,11 @@
 
 #include <algorithm>
 #include <csetjmp>
+#include <cstddef>
 #include <cstring>
-#include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <set>
-#include <unistd.h>
 
 #include "cache/request_cache.h"
 #include "core/event_loop.h"
@@ -23,6 +22,7 @@ namespace {
 
 model expected;
 bool lines_may_change;          // a request is being served
+bool wants_reply;               // and names a pipe for its reply
 size_t records_before_step;     // of the model
 std::vector<ipcom_tmo2> timers; // that somebody owns
 std::set<int> descriptors;      // that lines own
@@ -47,23 +47,20 @@ template <class Record> std::vector<Record *> records_of(const ipcom_list &list,
 
 peer host_of(const dnsproxy_cache_entry &e)
 {
-    const auto address = static_cast<uint32_t>(e.from);
-    return {false, {reinterpret_cast<const char *>(&address), sizeof address}, e.port};
+    return peer_at(static_cast<uint32_t>(e.from), e.port);
 }
 
 peer host_of(const dnsproxy_cache_entry_v6 &e)
 {
-    if (e.from != 0)
-        return host_of(dnsproxy_cache_entry{.port = e.port, .from = e.from});
-    return {true, {reinterpret_cast<const char *>(&e.from6), sizeof e.from6}, e.port};
+    return e.from != 0 ? peer_at(static_cast<uint32_t>(e.from), e.port) : peer_at(e.from6, e.port);
 }
 
-const void *find_by_host(const dnsproxy_cache_entry &e)
+const dnsproxy_cache_entry *find_by_host(const dnsproxy_cache_entry &e)
 {
     return dnsproxy_entry_find(e.from, e.port, e.id);
 }
 
-const void *find_by_host(const dnsproxy_cache_entry_v6 &e)
+const dnsproxy_cache_entry_v6 *find_by_host(const dnsproxy_cache_entry_v6 &e)
 {
     sockaddr_in6 client = {};
     client.sin6_addr = e.from6;
@@ -74,22 +71,32 @@ template <class Entry>
 void check_cache(bool v6, const ipcom_list &list, ipcom_hash *hosts, ipcom_hash *ids,
                  Entry *(*find_by_id)(uint16_t))
 {
-    std::vector<record> records;
-    std::map<uint16_t, const Entry *> by_id;
-    std::map<asker, const Entry *> by_host;
     (void)records_of<Entry>(list, ids);
-    for (const Entry *e : records_of<Entry>(list, hosts)) {
+    const std::vector<Entry *> entries = records_of<Entry>(list, hosts);
+    std::vector<record> records;
+    for (const Entry *e : entries) {
         must(e->tmo.queue != nullptr && e->tmo.arg == e, "a record has its timer");
         timers.push_back(e->tmo);
-        const asker who = {host_of(*e), e->id};
-        by_id[e->new_id] = by_host[who] = e;
-        records.push_back({v6, who, e->new_id, e->ifname, e->dnsIndex, e->tmo.deadline,
+        records.push_back({v6,
+                           {host_of(*e), e->id},
+                           e->new_id,
+                           e->ifname,
+                           e->dnsIndex,
+                           e->tmo.deadline,
                            e->flags == DNSPROXY_ENTRY_ANSWERED});
     }
-    for (const auto &[id, newest] : by_id)
-        must(find_by_id(id) == newest, "the newest record is found by its identifier");
-    for (const auto &[who, newest] : by_host)
-        must(find_by_host(*newest) == newest, "the newest record is found by its host");
+    // Newest first: a look-up finds this record, or a newer one under the same key, which then was found
+    // itself.
+    std::set<const void *> newer;
+    for (size_t i = entries.size(); i-- > 0;) {
+        const Entry *by_id = find_by_id(entries[i]->new_id), *by_host = find_by_host(*entries[i]);
+        newer.insert(entries[i]);
+        must(by_id != nullptr && by_id->new_id == entries[i]->new_id && newer.contains(by_id),
+             "the newest record is found by its identifier");
+        must(by_host != nullptr && host_of(*by_host) == records[i].who.host &&
+                 by_host->id == records[i].who.id && newer.contains(by_host),
+             "the newest record is found by its host");
+    }
     // Without memory a query may have gone out unrecorded, or less far.
     if (sys.allocation_failed) {
         const size_t known = expected.of_family(v6).size();
@@ -161,10 +168,25 @@ void check_sendings()
     expected.records.resize(std::min(expected.records.size(), records_before_step));
 }
 
+void check_pipe_replies()
+{
+    const std::vector<std::string> &blocks = sys.pipe_replies;
+    must(blocks.empty() != wants_reply, "a request that names a pipe gets one reply");
+    if (blocks.empty())
+        return;
+    dnsproxy_public_msg reply;
+    must(blocks[0].size() == sizeof reply, "a reply has its length");
+    memcpy(&reply, blocks[0].data(), sizeof reply);
+    const size_t trailing = reply.result < 0 ? 0 : reply.dataLen;
+    must(blocks.size() == (trailing == 0 ? 1U : 2U) && (trailing == 0 || blocks[1].size() == trailing),
+         "behind a reply comes the data that it announces");
+}
+
 // Ends a step.
 void settle()
 {
     check_sendings();
+    check_pipe_replies();
     must(sys.reports == expected.reports, "ten unanswered queries in a row are reported once");
     timers.clear();
     descriptors.clear();
@@ -174,10 +196,11 @@ void settle()
                 dnsproxy_entry_findById_v6);
     check_lines();
     records_before_step = expected.records.size();
-    lines_may_change = false;
+    lines_may_change = wants_reply = false;
     expected.sendings.clear();
     expected.forced_line.clear();
     sys.sendings.clear();
+    sys.pipe_replies.clear();
     sys.allocation_failed = false;
 }
 
@@ -191,6 +214,8 @@ void received(int fd, const datagram &d)
     else if (!file.device.empty())
         expected.reply(d, file.family == AF_INET6);
     lines_may_change = file.kind == open_file::REQUEST_PIPE;
+    wants_reply = lines_may_change && d.bytes.size() == sizeof(dnsproxy_public_msg) &&
+                  d.bytes.substr(offsetof(dnsproxy_public_msg, pipeName)).starts_with(reply_pipe);
 }
 
 // The daemon sleeps until the first of the timers that somebody owns, and without one for ever: a timer of a
@@ -301,10 +326,6 @@ void end()
 
 void live(uint16_t first_id, int log_level, const std::function<bool()> &events)
 {
-    // What the daemon prints is nobody's business here.
-    static const int silence = dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
-    must(silence == STDOUT_FILENO, "standard output can be turned away");
-
     const fake_clock clock;
     for (const char *name :
          {"lo", "wan1", "wan2", "wan3", "pt-vpn0", "br-lan", "br-guest", "office", "ppp0", "far", "eth9"})
@@ -337,8 +358,7 @@ void answer(bool v6, const std::string &line, const std::string &bytes)
 {
     dnsproxy_server_if *sif = expected.find_line(line);
     if (sif != nullptr && fd_of(*sif, v6) > 0)
-        sys.files.at(fd_of(*sif, v6))
-            .waiting.push_back({.bytes = bytes, .from = {v6, std::string(v6 ? 16 : 4, '\x0a'), 53}});
+        sys.files.at(fd_of(*sif, v6)).waiting.push_back({.bytes = bytes, .from = {.v6 = v6}});
 }
 
 uint16_t identifier(bool v6, unsigned choice)

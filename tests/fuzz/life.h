@@ -15,29 +15,6 @@
 #include "tests/fuzz/fake_system.h"
 #include "tests/support/fake_clock.h"
 
-// Bytes of a fuzzer's input, taken from the front; zeros when it has run out.
-class fuzz_input {
-public:
-    fuzz_input(const uint8_t *bytes, size_t size) : at_(bytes), end_(bytes + size) {}
-    [[nodiscard]] bool is_over() const { return at_ == end_; }
-    uint8_t byte() { return is_over() ? 0 : *at_++; }
-    uint16_t word()
-    {
-        const int high = byte();
-        return static_cast<uint16_t>(high << 8 | byte());
-    }
-    std::string take(size_t length)
-    {
-        std::string bytes(length, '\0');
-        for (char &b : bytes)
-            b = static_cast<char>(byte());
-        return bytes;
-    }
-
-private:
-    const uint8_t *at_, *end_;
-};
-
 // From the daemon's start until the last of its timers and the return of its memory. `events` is called
 // before every wait and brings about what happens until the next one, by the functions below, fake_clock and
 // sys; false: nothing more happens. What waits then is still served.

@@ -16,17 +16,10 @@ int64_t now()
     return ipcom_tmo2_clock();
 }
 
-template <class T> std::string bytes_of(const T &value)
-{
-    return {reinterpret_cast<const char *>(&value), sizeof value};
-}
-
 peer server_of(const dnsproxy_server_if &line, bool v6, int slot)
 {
-    return {v6,
-            v6 ? bytes_of(line.dnsServer6[slot].sin6_addr)
-               : bytes_of(static_cast<uint32_t>(line.dnsServer[slot])),
-            dns_port};
+    return v6 ? peer_at(line.dnsServer6[slot].sin6_addr, dns_port)
+              : peer_at(static_cast<uint32_t>(line.dnsServer[slot]), dns_port);
 }
 
 bool has_server(const dnsproxy_server_if &line, bool v6, int slot)

@@ -5,6 +5,7 @@
 
 #include <bitset>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,7 @@ constexpr int64_t socket_life_ns = 60'000'000'000;
 struct asker {
     peer host;
     uint16_t id;
-    auto operator<=>(const asker &) const = default;
+    bool operator==(const asker &) const = default;
 };
 
 // A query in flight.
@@ -64,6 +65,14 @@ private:
     bool send(const question &q, const dnsproxy_server_if &line, int slot);
     void remember(question *q, const dnsproxy_server_if &line, int slot);
 };
+
+// Addresses in network order.
+template <class Address> peer peer_at(const Address &address, uint16_t port)
+{
+    peer p = {.v6 = sizeof address == sizeof(in6_addr), .port = port};
+    memcpy(p.address.data(), &address, sizeof address);
+    return p;
+}
 
 // The members of a line's record that a family has.
 inline int32_t &fd_of(dnsproxy_server_if &line, bool v6)
