@@ -80,7 +80,7 @@ def trial(client, figures):
             assert asked > 0 and lost == 0, f"{fault}: of {who}, {lost} of {asked} were lost"
         assert back_after < BACK, fault
         for name, family in back:  # anew: to the hosts that have waited there may be late replies
-            run = client(name, family).bulk(200, outstanding=64)
+            run = client(name, family).bulk(200, outstanding=64, timeout=wait.PATIENCE)
             assert (run.answered, run.wrong_ident, run.wrong_question) == (200, 0, 0), f"{fault}: afterwards"
         return results
 
@@ -119,7 +119,7 @@ def bus_calls(bus):
 
 def warm(*hosts) -> None:
     for host in hosts:
-        assert host.bulk(16, outstanding=4).lost == 0
+        assert host.bulk(16, outstanding=4, timeout=wait.PATIENCE).lost == 0
 
 
 def test_every_upstream_is_silent(bus, start, upstreams, family, trial, figures):
@@ -151,11 +151,16 @@ def test_every_upstream_is_silent(bus, start, upstreams, family, trial, figures)
 
 
 def test_devices_deleted_and_made_again(lab, start, upstreams, departures, both, trial):
-    """A forced LAN is not touched by what happens to other lines, and no query of it leaves by them."""
+    """A forced LAN is not touched by what happens to other lines, and no query of it leaves by them, though the
+    router has a road to its servers there.
+    """
     start(FORCED, one_server(1, 2, 3))
     hosts, guests = both("h1"), both("g1")
     warm(*hosts, *guests)
     device_of = {address: line.device for line in plan.LINES.values() for address in (line.router4, line.router6)}
+    other = plan.LINES[1].addresses
+    roads = [f"default via {other[0]}", f"::/0 via {other[2]}"]
+    netns.ip_batch(f"route add {road}" for road in roads)
     left = set()
 
     def cause() -> None:
@@ -180,6 +185,7 @@ def test_devices_deleted_and_made_again(lab, start, upstreams, departures, both,
         suffers={"LAN of the line": [steady(guest, timeout=0.25, qtype="AAAA") for guest in guests]},
         back=[("g1", 4), ("g1", 6)],
     )
+    netns.ip_batch(f"route delete {road}" for road in roads)
     assert left == {(dns.A, "wan1"), (dns.AAAA, "wan2")}
     assert departures.lost() == 0
 
@@ -206,7 +212,10 @@ def netlink_drops(daemon) -> int:
 
 
 def test_link_changes_overrun_the_monitor(lab, start, upstreams, both, trial):
-    """A device that is renamed in the middle of it is known by its new name afterwards."""
+    """A device that is renamed in the middle of it is known by its new name afterwards.
+
+    While the kernel changes links it keeps the list of them locked, and whoever wants to read it waits.
+    """
     files.write_zone_api(plan.LOGICAL | {"LATE": "late0"})
     daemon = start([LAN, {"name": "late", "service_if": "LATE"}], one_server(1, 2))
     hosts, late = both("h1"), both("p1")
@@ -214,7 +223,7 @@ def test_link_changes_overrun_the_monitor(lab, start, upstreams, both, trial):
     changes = ["link set group 7 up", "link set group 7 down"]
 
     def cause() -> None:
-        netns.ip_batch(f"link add flood{i} group 7 type bridge" for i in range(200))
+        netns.ip_batch(f"link add flood{i} group 7 type bridge" for i in range(120))
         for _ in range(round(scaled(5, 50))):
             netns.ip_batch(changes)
         rename = [f"link set {plan.PPP} down", f"link set {plan.PPP} name late0", "link set late0 up"]
@@ -224,7 +233,7 @@ def test_link_changes_overrun_the_monitor(lab, start, upstreams, both, trial):
         trial(
             "link messages overrun the socket",
             cause,
-            serves={"LAN of another device": [steady(host) for host in hosts]},
+            serves={"LAN of another device": [steady(host, timeout=wait.PATIENCE) for host in hosts]},
             suffers={"LAN that is renamed": [steady(host, timeout=0.25) for host in late]},
             back=[("p1", 4), ("p1", 6)],
         )
@@ -392,8 +401,8 @@ def test_a_line_that_nobody_empties(lab, start, upstreams, both, trial, held):
         stack.callback(os.close, fd)
         addresses = ["address add 10.9.9.1/24 dev tun0", "address add fd00:a:99::1/64 dev tun0 nodad"]
         netns.ip_batch(["link set tun0 txqueuelen 100 up", *addresses])
-        if held:
-            subprocess.run(["tc", *HOLD], check=True)
+        if held and subprocess.run(["tc", *HOLD], check=False).returncode != 0:
+            pytest.skip("this kernel has no queue that can be held")
         lines = one_server(1) | {"TUN": ["10.9.9.53", "fd00:a:99::53"]}
         daemon = start([FORCED_LAN, FORCED_GUEST | {"out_if": "TUN"}], lines)
         hosts, guests = both("h1"), both("g1")
@@ -405,7 +414,7 @@ def test_a_line_that_nobody_empties(lab, start, upstreams, both, trial, held):
 
         def cause() -> None:
             wait.until(is_full, "the line to be full")
-            go_on(scaled(SOON + 0.5, 30))
+            go_on(scaled(SOON + 0.5 if held else 1, 30))
             if held:
                 subprocess.run(["tc", "qdisc", "delete", "dev", "tun0", "root"], check=True)
             stack.enter_context(answering(fd))
