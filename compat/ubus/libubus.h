@@ -115,9 +115,6 @@ struct ubus_context {
         .name = (_name), .id = 0, .methods = (_methods), .n_methods = ARRAY_SIZE(_methods)                   \
     }
 
-// The text of a status; for an unknown one it is good until the next call.
-const char *ubus_strerror(int error);
-
 // Calls uloop_init, connects to the broker at path (null: the usual place) and waits for its greeting without
 // limit. Null on any failure.
 struct ubus_context *ubus_connect(const char *path);
