@@ -1,5 +1,6 @@
-// Input: datagrams. Two bytes say how each comes in (below), two its length, one how many of its bytes
-// follow; the others are zeros. A reply gets the identifier of a query in flight, or keeps its own.
+// Input: datagrams. Two bytes say how each comes in (below), two its length (65535: the longest there is),
+// one how many of its bytes follow; the others are zeros. A reply gets the identifier of a query in flight,
+// or keeps its own.
 
 #include <algorithm>
 
@@ -19,7 +20,8 @@ void datagram_arrives(fuzz_reader *in)
 {
     const unsigned how = in->take_value<uint8_t>();
     const unsigned where = in->take_value<uint8_t>();
-    const size_t length = in->take_value<uint16_t>() % (longest + 1);
+    const unsigned number = in->take_value<uint16_t>();
+    const size_t length = number == 65535 ? longest : number % 2048;
     const fuzz_bytes given = in->take(std::min<size_t>(in->take_value<uint8_t>(), length));
     std::string bytes(given.begin(), given.end());
     bytes.resize(length);
