@@ -311,7 +311,7 @@ template <class F> int send_forced(query<F> *q, const dnsproxy_listen_if *lif)
     DNSPROXY_LOG(TRACE, F::op, 0, "sendsize:%d,recvsize:%d,errno:%d", static_cast<int>(sent),
                  static_cast<int>(q->length), error);
     if (sent < static_cast<ssize_t>(q->length)) {
-        if (device_has_gone(sif->*F::fd, error))
+        if (sent < 0 && device_has_gone(sif->*F::fd, error))
             close_dead_socket<F>(sif);
         DNSPROXY_LOG(ERROR, F::op, status, F::msg_send);
         return status;
