@@ -150,6 +150,17 @@ def test_every_upstream_is_silent(bus, start, upstreams, family, trial, figures)
         assert (run.lost, daemon.dropped() - before) == (0, 0)
 
 
+@pytest.fixture
+def road_by_the_first_line(lab):
+    """The router sends by it whatever has no better road."""
+    line = plan.LINES[1]
+    roads = [f"default via {line.servers4[0].address}", f"::/0 via {line.servers6[0].address}"]
+    netns.ip_batch(f"route add {road}" for road in roads)
+    yield
+    netns.ip_batch(f"route delete {road}" for road in roads)
+
+
+@pytest.mark.usefixtures("road_by_the_first_line")
 def test_devices_deleted_and_made_again(lab, start, upstreams, departures, both, trial):
     """A forced LAN is not touched by what happens to other lines, and no query of it leaves by them, though the
     router has a road to its servers there.
@@ -158,9 +169,6 @@ def test_devices_deleted_and_made_again(lab, start, upstreams, departures, both,
     hosts, guests = both("h1"), both("g1")
     warm(*hosts, *guests)
     device_of = {address: line.device for line in plan.LINES.values() for address in (line.router4, line.router6)}
-    other = plan.LINES[1].addresses
-    roads = [f"default via {other[0]}", f"::/0 via {other[2]}"]
-    netns.ip_batch(f"route add {road}" for road in roads)
     left = set()
 
     def cause() -> None:
@@ -185,7 +193,6 @@ def test_devices_deleted_and_made_again(lab, start, upstreams, departures, both,
         suffers={"LAN of the line": [steady(guest, timeout=0.25, qtype="AAAA") for guest in guests]},
         back=[("g1", 4), ("g1", 6)],
     )
-    netns.ip_batch(f"route delete {road}" for road in roads)
     assert left == {(dns.A, "wan1"), (dns.AAAA, "wan2")}
     assert departures.lost() == 0
 
