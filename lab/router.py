@@ -14,7 +14,7 @@ at once: nothing looks for duplicates. A device that is set down keeps its addre
 Lab is a context manager. A sandbox holds one at a time; leaving it removes every device and host.
 """
 
-import contextlib
+import errno
 import socket
 from collections.abc import Iterable
 
@@ -48,6 +48,18 @@ def _router_addresses(device: str, address4: str, address6: str) -> list[str]:
     ]
 
 
+def _answers(address: str) -> bool:
+    try:
+        socket.create_connection((address, _CLOSED_PORT), timeout=wait.PATIENCE).close()
+    except ConnectionRefusedError:
+        pass
+    except OSError as error:
+        if error.errno != errno.EHOSTUNREACH:
+            raise
+        return False  # the link was not up while the kernel asked for the far side's link address
+    return True
+
+
 def _wait_connected(name: str | None, addresses: Iterable[str]) -> None:
     """Returns once the network namespace reaches the addresses and they reach it.
 
@@ -55,8 +67,8 @@ def _wait_connected(name: str | None, addresses: Iterable[str]) -> None:
     address is known. After this a datagram arrives before the call that sends it returns.
     """
     for address in addresses:
-        with netns.inside(name), contextlib.suppress(ConnectionRefusedError):
-            socket.create_connection((address, _CLOSED_PORT), timeout=wait.PATIENCE).close()
+        with netns.inside(name):
+            wait.until(lambda address=address: _answers(address), f"a road to {address}")
 
 
 def _require_sandbox() -> None:
