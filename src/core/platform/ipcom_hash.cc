@@ -17,14 +17,11 @@ constexpr uint32_t smallest_capacity = 4;
 // Entries [first, end), in the order of addition: records mostly leave in the order in which they came, and
 // then nothing is moved. A bucket that has held no more than one record since it was last empty keeps it in
 // itself (capacity 0): most buckets never need more, and what an operation waits for in a large table is
-// memory that it has not touched for a while. Otherwise `block` holds `capacity` hashes, which a look-up
+// memory that it has not touched for a while. Otherwise it has a block of `capacity` hashes, which a look-up
 // reads first, then as many record pointers. The capacity is a multiple of 4.
 struct bucket {
-    union {
-        void *record;
-        void *block;
-    };
-    uint32_t hash; // of `record`
+    void *content; // the record, or the block
+    uint32_t hash; // of the record
     uint32_t first;
     uint32_t end;
     uint32_t capacity;
@@ -32,12 +29,12 @@ struct bucket {
 
 uint32_t *hashes_of(bucket *b)
 {
-    return b->capacity == 0 ? &b->hash : static_cast<uint32_t *>(b->block);
+    return b->capacity == 0 ? &b->hash : static_cast<uint32_t *>(b->content);
 }
 
 void **records_of(bucket *b)
 {
-    return b->capacity == 0 ? &b->record : reinterpret_cast<void **>(hashes_of(b) + b->capacity);
+    return b->capacity == 0 ? &b->content : reinterpret_cast<void **>(hashes_of(b) + b->capacity);
 }
 
 uint32_t count_of(const bucket *b)
@@ -53,18 +50,18 @@ uint32_t grown(uint32_t capacity)
 void free_block(bucket *b)
 {
     if (b->capacity != 0)
-        free(b->block);
+        free(b->content);
 }
 
 // Gives the bucket a block of another capacity; 0, or -1 without memory.
 int resize(bucket *b, uint32_t capacity)
 {
-    bucket resized = {.block = malloc(capacity * (sizeof(uint32_t) + sizeof(void *))),
+    bucket resized = {.content = malloc(capacity * (sizeof(uint32_t) + sizeof(void *))),
                       .hash = 0,
                       .first = 0,
                       .end = count_of(b),
                       .capacity = capacity};
-    if (resized.block == nullptr)
+    if (resized.content == nullptr)
         return -1;
     memcpy(hashes_of(&resized), hashes_of(b) + b->first, resized.end * sizeof(uint32_t));
     memcpy(records_of(&resized), records_of(b) + b->first, resized.end * sizeof(void *));
