@@ -9,6 +9,7 @@ import json
 import os
 import re
 import shutil
+import signal
 import socket
 import subprocess
 from pathlib import Path
@@ -69,12 +70,25 @@ def root(packages):
         run("mount", "--rbind", f"/{folder}", ROOT / folder)
 
 
+def none_is_left() -> bool:
+    """Ends what still runs on the router, such as what a script has left waiting in the background."""
+    none = True
+    for process in Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(OSError):
+            if os.readlink(process / "root") == str(ROOT):
+                os.kill(int(process.name), signal.SIGKILL)
+                none = False
+    return none
+
+
 class Router:
     """The stock router with the packages on it."""
 
     def __init__(self):
+        wait.until(none_is_left, "the router's processes to end")
         for name in ("tmp", "var/run", "lib/zone"):
-            shutil.rmtree(ROOT / name, ignore_errors=True)
+            if (ROOT / name).exists():
+                shutil.rmtree(ROOT / name)
         for name in ("tmp", "var/run"):
             (ROOT / name).mkdir(parents=True)
         shutil.copy(PACKAGE / "files/dns.config", ROOT / "etc/config/dns")
