@@ -9,7 +9,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -543,42 +542,6 @@ TEST_F(ubus, answers_to_unusual_messages_and_an_end_at_one_that_is_too_long)
     });
     serve();
     disconnect();
-}
-
-// Damaged records and noise, at any moment: the client ends its connection or goes on, and never anything
-// else.
-TEST_F(ubus, survives_garbage)
-{
-    std::vector<std::string> records;
-    for (const char *number : {"24", "31", "34", "36", "38", "40", "42", "44", "01", "03", "04", "72"})
-        records.push_back(recorded({number}));
-    std::mt19937 random(1);
-    for (int round = 0; round < 300; ++round) {
-        SCOPED_TRACE(round);
-        std::string noise = round % 2 == 0 ? "" : recorded({"03", "04"});
-        for (int i = 0; i < 20; ++i) {
-            std::string bytes = records[random() % records.size()];
-            if (random() % 8 == 0)
-                bytes.resize(random() % bytes.size());
-            for (unsigned flips = random() % 4; flips > 0 && !bytes.empty(); --flips)
-                bytes[random() % bytes.size()] =
-                    static_cast<char>(random() % 2 == 0 ? random() : random() % 16);
-            noise += bytes;
-        }
-        broker.play([this, noise] {
-            broker.take_up(noise);
-            broker.stop_sending();
-            while (!broker.receive_bytes(1).empty())
-                ;
-            broker.hang_up();
-        });
-        ASSERT_NO_FATAL_FAILURE(connect());
-        (void)ubus_add_object(ctx, &object); // who knows
-        if (losses == 0)
-            run_loop();
-        EXPECT_EQ(losses, 1);
-        disconnect();
-    }
 }
 
 // A broker that only stops sending is gone, too. That is told once, and a socket that is left in the loop

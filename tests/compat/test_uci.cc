@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -370,29 +369,6 @@ TEST_F(uci, huge_files)
     for (const auto &row : rows) {
         const std::string all = outcome(row.content);
         EXPECT_EQ(all.find(row.end), all.size() - strlen(row.end)) << row.end << all.substr(0, 200);
-    }
-}
-
-// Any bytes give a walk or a fault with its place, and the context stays good for the next load.
-TEST_F(uci, random_bytes)
-{
-    static constexpr const char *parts[] = {
-        "config",  "option", "list", "package", " ",  "\t", "\n",  "\r\n", "\\\n",
-        "\\\r\n",  "'",      "\"",   "\\",      "#",  ";",  "a",   "b",    "r",
-        "c r a\n", "o a b",  "l b ", "''",      "\f", ".",  "\x80"};
-    std::mt19937 random(1);
-    const auto below = [&random](size_t n) {
-        return std::uniform_int_distribution<size_t>(0, n - 1)(random);
-    };
-    for (int round = 0; round < 10'000; ++round) {
-        std::string content = below(2) == 0 ? "" : "config r a\n";
-        for (size_t n = below(24); n > 0; --n)
-            content += below(8) == 0 ? std::string(1, static_cast<char>(below(256)))
-                                     : parts[below(std::size(parts))];
-        const std::string result = outcome(content);
-        ASSERT_TRUE(result.starts_with("package \"dns\"\n") ||
-                    result.starts_with("error 5 \": Parse error ("))
-            << quoted(content.c_str()) << result;
     }
 }
 
