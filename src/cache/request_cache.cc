@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "core/status.h"
 #include "iface/family.h"
+#include "iface/ifname.h"
 
 namespace {
 
@@ -172,7 +173,7 @@ template <class C> int add(const typename C::key &host, uint16_t new_id, const c
     e->new_id = new_id;
     C::set_host(e, host);
     e->hostHash = hash_host<C>(&host);
-    memcpy(e->ifname, ifname, strnlen(ifname, sizeof e->ifname - 1));
+    ifname_copy(e->ifname, ifname);
     e->dnsIndex = dnsIndex;
 
     const int armed = ipcom_tmo2_request(dnsproxy_data.tmo2Head, &e->tmo, C::on_expiry, e, e->timeout);
@@ -211,7 +212,7 @@ template <class C> typename C::entry *find_by_id(uint16_t new_id)
 // The cache server has run past its last slot: the next device takes its place.
 template <class C> void move_cache_server(const char *ifname)
 {
-    if (dnsproxy_data.cacheServerSet == 0 || strcmp(dnsproxy_data.cacheServerIfname, ifname) != 0)
+    if (dnsproxy_data.cacheServerSet == 0 || !ifname_equal(dnsproxy_data.cacheServerIfname, ifname))
         return;
     const char *next = dnsproxy_server_if_getNext(ifname);
     if (next == nullptr)

@@ -23,7 +23,7 @@ static int dnsproxy_listen_if_hash_cmp(const void *record, const void *key)
         (void)fprintf(line.file(), "%s,%d\n", __func__, __LINE__);
     line.write();
     DNSPROXY_LOG(TRACE, __func__, 0, "pIf->ifname_receive:%s,ifname:%s", lif->ifname_receive, ifname);
-    return strcmp(lif->ifname_receive, ifname) == 0;
+    return ifname_equal(lif->ifname_receive, ifname) ? 1 : 0;
 }
 
 int dnsproxy_if_init()
@@ -105,7 +105,7 @@ dnsproxy_listen_if *dnsproxy_listen_if_findByname(const char *ifname)
         DNSPROXY_LOG(DEBUG, __func__, 0, "xxxxifname:%s,pIf->ifname_receive:%s", ifname, lif->ifname_receive);
         DNSPROXY_LOG(DEBUG, __func__, 0, "strlen (ifname):%d,strlen (ifname_receive):%d",
                      static_cast<int>(strlen(ifname)), static_cast<int>(strlen(lif->ifname_receive)));
-        if (strcmp(lif->ifname_receive, ifname) == 0) {
+        if (ifname_equal(lif->ifname_receive, ifname)) {
             DNSPROXY_LOG(TRACE, __func__, 0, "%s", "");
             return lif;
         }

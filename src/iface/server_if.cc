@@ -22,8 +22,8 @@ uint32_t hash_of_record(const void *record)
 
 int has_name(const void *record, const void *key)
 {
-    return strcmp(static_cast<const dnsproxy_server_if *>(record)->ifname, static_cast<const char *>(key)) ==
-           0;
+    const auto *sif = static_cast<const dnsproxy_server_if *>(record);
+    return ifname_equal(sif->ifname, static_cast<const char *>(key)) ? 1 : 0;
 }
 
 bool is_vpn_device(const char *ifname)

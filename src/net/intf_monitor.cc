@@ -10,6 +10,7 @@
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
 #include "core/status.h"
+#include "iface/ifname.h"
 #include "net/proxy_socket.h"
 
 namespace {
@@ -102,9 +103,7 @@ int dns_if_indextoname(int index, char *name, int size)
     for (const struct if_nameindex *i = dnsproxy_data.ifNameIndex; i->if_index != 0 && i->if_name != nullptr;
          i++) {
         if (static_cast<int>(i->if_index) == index) {
-            const size_t length = strnlen(i->if_name, IF_NAMESIZE - 1);
-            memcpy(name, i->if_name, length);
-            name[length] = '\0';
+            ifname_copy(name, i->if_name);
             return 0;
         }
     }

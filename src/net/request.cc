@@ -14,6 +14,7 @@
 #include "core/log.h"
 #include "core/status.h"
 #include "iface/if_show.h"
+#include "iface/ifname.h"
 #include "iface/listen_if.h"
 #include "net/intf_monitor.h"
 #include "net/proxy_socket.h"
@@ -134,7 +135,7 @@ struct request_v6 : ipv6 {
         request.ifr_ifindex = ifindex;
         if (ioctl(dnsproxy_data.listenFd6, SIOCGIFNAME, &request) < 0)
             return false;
-        memcpy(name, request.ifr_name, strnlen(request.ifr_name, IF_NAMESIZE - 1));
+        ifname_copy(name, request.ifr_name);
         return true;
     }
 
