@@ -1,12 +1,12 @@
 #include "cache/request_cache.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 
 #include "cache/cache_server.h"
 #include "cache/noreply.h"
+#include "cache/record_arena.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
 #include "core/status.h"
@@ -128,6 +128,8 @@ template <class C> int cmp_id(const void *record, const void *key)
     return static_cast<const typename C::entry *>(record)->new_id == *static_cast<const uint16_t *>(key);
 }
 
+template <class C> record_arena memory = {.size = sizeof(typename C::entry), .current = nullptr};
+
 template <class C> void delete_tables()
 {
     for (ipcom_hash **table : {&(dnsproxy_data.*C::hosts), &(dnsproxy_data.*C::ids)}) {
@@ -155,13 +157,13 @@ template <class C> int init()
 template <class C> void deinit()
 {
     delete_tables<C>();
+    record_arena_clear(&memory<C>);
     DNSPROXY_LOG(TRACE, C::op_deinit, 0, "%s", "");
 }
 
 template <class C> int add(const typename C::key &host, uint16_t new_id, const char *ifname, int32_t dnsIndex)
 {
-    // Cleared here: a C library's calloc may pass by the blocks that were freed last, which are at hand.
-    auto *e = static_cast<typename C::entry *>(malloc(sizeof(typename C::entry)));
+    auto *e = static_cast<typename C::entry *>(record_arena_take(&memory<C>));
     if (e == nullptr) {
         DNSPROXY_LOG(ERROR, C::op_add, DNSPROXY_ENOMEMORY, C::msg_memory);
         DNSPROXY_RETURN(C::op_add, DNSPROXY_ENOMEMORY);
@@ -179,20 +181,20 @@ template <class C> int add(const typename C::key &host, uint16_t new_id, const c
     const int armed = ipcom_tmo2_request(dnsproxy_data.tmo2Head, &e->tmo, C::on_expiry, e, e->timeout);
     if (armed < 0) {
         DNSPROXY_LOG(ERROR, C::op_add, armed, C::msg_timer, e->ifname);
-        free(e);
+        record_arena_give_back(&memory<C>, e);
         DNSPROXY_RETURN(C::op_add, DNSPROXY_ERESOURCE);
     }
     if (ipcom_hash_add(dnsproxy_data.*C::hosts, e) != 0) {
         DNSPROXY_LOG(ERROR, C::op_add, DNSPROXY_ERESOURCE, C::msg_hash);
         ipcom_tmo2_cancel(&e->tmo);
-        free(e);
+        record_arena_give_back(&memory<C>, e);
         DNSPROXY_RETURN(C::op_add, DNSPROXY_ERESOURCE);
     }
     if (ipcom_hash_add(dnsproxy_data.*C::ids, e) != 0) {
         DNSPROXY_LOG(ERROR, C::op_add, DNSPROXY_ERESOURCE, C::msg_hash);
         (void)ipcom_hash_remove(dnsproxy_data.*C::hosts, e);
         ipcom_tmo2_cancel(&e->tmo);
-        free(e);
+        record_arena_give_back(&memory<C>, e);
         DNSPROXY_RETURN(C::op_add, DNSPROXY_ERESOURCE);
     }
     ipcom_list_insert_last(&(dnsproxy_data.*C::list), &e->link);
@@ -245,7 +247,7 @@ template <class C> int expire(typename C::entry *e)
     dnsproxy_noreply_count();
     (void)ipcom_hash_remove(dnsproxy_data.*C::hosts, e);
     (void)ipcom_hash_remove(dnsproxy_data.*C::ids, e);
-    free(e);
+    record_arena_give_back(&memory<C>, e);
     DNSPROXY_RETURN(C::op_timeout, 0);
 }
 

@@ -281,9 +281,13 @@ protected:
     // False: the call was not made so often. Every line of the log is put together.
     bool day_with_failure(const std::string &call, int left)
     {
-        // No timer is armed here; a new service has yet to make its queues.
+        // No timer is armed here and no query in flight: new ones have yet to get all their memory.
         dnsproxy_data_deinit();
         EXPECT_EQ(dnsproxy_data_init(), 0);
+        dnsproxy_cache_deinit();
+        EXPECT_EQ(dnsproxy_cache_init(), 0);
+        dnsproxy_cache_deinit_v6();
+        EXPECT_EQ(dnsproxy_cache_init_v6(), 0);
         const log_capture capture;
         fail_after(call, left);
         day();

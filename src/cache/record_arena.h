@@ -1,0 +1,26 @@
+// Memory for records that all live equally long, and so end in about the order in which they were made. They
+// stand side by side in slabs, and a slab is given back as a whole with the last of its records: no record
+// costs an allocator's search, and those that expire one after the other are found one after the other in
+// memory. A flood's slabs go back when its records have ended.
+#ifndef CACHE_RECORD_ARENA_H
+#define CACHE_RECORD_ARENA_H
+
+#include <cstddef>
+
+struct record_slab;
+
+struct record_arena {
+    size_t size;          // of a record, in bytes, a multiple of 8
+    record_slab *current; // has room; nullptr: none yet
+};
+
+// Memory for a record, aligned to 8 bytes and not cleared; nullptr without memory.
+void *record_arena_take(record_arena *arena);
+
+// Ends a record that was taken from this arena.
+void record_arena_give_back(record_arena *arena, void *record);
+
+// Frees what is left when every record has ended.
+void record_arena_clear(record_arena *arena);
+
+#endif
