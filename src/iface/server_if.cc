@@ -73,6 +73,12 @@ bool set_link_state(const char *ifname, const uint64_t *is_down)
     return true;
 }
 
+// Whether an IPv6 address in text form is "::". Asked for each empty slot that a query comes by.
+bool is_unspecified(const char *text)
+{
+    return text[0] == ':' && text[1] == ':' && text[2] == '\0';
+}
+
 void set_slot(uint64_t *slot, const uint64_t *address)
 {
     if (address != nullptr && *address != 0)
@@ -244,7 +250,7 @@ int dnsproxy_server_addr_check(uint64_t slot)
 
 int dnsproxy_check_dnsserver_v6(const char *text)
 {
-    if (text != nullptr && strcmp(text, "::") != 0)
+    if (text != nullptr && !is_unspecified(text))
         return 1;
     DNSPROXY_LOG(ERROR, __func__, 0, "IPv6 DNS server is empty!\n");
     return 0;
