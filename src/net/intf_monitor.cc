@@ -1,7 +1,6 @@
 #include "net/intf_monitor.h"
 
 #include <cerrno>
-#include <cstring>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
