@@ -35,7 +35,11 @@ inline void ifname_copy(char *to, const char *from)
 // Key hash of a table keyed by name (a NUL-terminated string).
 inline uint32_t ifname_hash(const void *ifname)
 {
-    return ipcom_hash_update(ifname, static_cast<uint32_t>(strlen(static_cast<const char *>(ifname))), 0);
+    const char *begin = static_cast<const char *>(ifname);
+    const char *end = begin;
+    while (*end != '\0')
+        end++;
+    return ipcom_hash_update(ifname, static_cast<uint32_t>(end - begin), 0);
 }
 
 #endif
