@@ -7,6 +7,7 @@
 #include "control/public_api.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
+#include "core/platform/fd_bits.h"
 #include "core/platform/qxcom_nmpipe.h"
 #include "core/status.h"
 #include "iface/server_if.h"
@@ -73,7 +74,7 @@ void add_fd(int fd, fd_set *reads, int *highest)
 // Whether `fd` is among the `*count` ready descriptors that are left; then it is no longer.
 [[gnu::always_inline]] inline bool take_ready(int fd, const fd_set *ready, int *count)
 {
-    if (*count <= 0 || !FD_ISSET(fd, ready))
+    if (*count <= 0 || !fd_bits_has(ready, fd))
         return false;
     --*count;
     return true;

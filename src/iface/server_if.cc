@@ -237,6 +237,7 @@ void dnsproxy_server_if_close(int32_t *fd, ipcom_tmo2 *idle_timer)
 {
     if (*fd > 0) {
         ipcom_tmo2_cancel(idle_timer);
+        ipcom_tmo2_forget(dnsproxy_data.tmo2Head, *fd);
         (void)close(*fd);
         dnsproxy_data.upstreamFdsChanged = true;
     }

@@ -8,6 +8,7 @@
 #include "core/dns_header.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
+#include "core/platform/fd_bits.h"
 #include "iface/family.h"
 #include "net/pending_id.h"
 
@@ -76,7 +77,7 @@ struct reply_v6 : ipv6 {
 template <class F> bool serve(const dnsproxy_server_if *sif, const fd_set *ready, int *count)
 {
     const int fd = sif->*F::fd;
-    if (fd <= 0 || *count <= 0 || !FD_ISSET(fd, ready))
+    if (fd <= 0 || *count <= 0 || !fd_bits_has(ready, fd))
         return true;
     --*count;
     DNSPROXY_LOG(DEBUG, op, 0, F::msg_reply, sif->ifname);

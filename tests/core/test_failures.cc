@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <net/if.h>
 #include <string>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -64,6 +65,9 @@ enum outcome { SERVES = 10, SERVES_UNTOUCHED, STAYS, ENDS };
 FAILING(void *, malloc, nullptr, (size_t size), (size))
 FAILING(void *, calloc, nullptr, (size_t count, size_t size), (count, size))
 FAILING(int, socket, -1, (int family, int type, int protocol), (family, type, protocol))
+FAILING(int, epoll_create1, -1, (int flags), (flags))
+FAILING(int, epoll_ctl, -1, (int epoll, int op, int fd, epoll_event *event), (epoll, op, fd, event))
+FAILING(int, timerfd_create, -1, (int clock, int flags), (clock, flags))
 FAILING(int, bind, -1, (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
 FAILING(int, setsockopt, -1, (int fd, int level, int name, const void *value, socklen_t length),
         (fd, level, name, value, length))
@@ -106,14 +110,14 @@ extern "C" int __wrap___openat_2(int folder, const char *name, int flags)
     return fails("openat") ? -1 : __real_openat(folder, name, flags);
 }
 
-extern "C" int __real_select(int count, fd_set *reads, fd_set *writes, fd_set *exceptions, timeval *timeout);
-extern "C" int __wrap_select(int count, fd_set *reads, fd_set *writes, fd_set *exceptions, timeval *timeout)
+extern "C" int __real_epoll_wait(int epoll, epoll_event *ready, int size, int limit_ms);
+extern "C" int __wrap_epoll_wait(int epoll, epoll_event *ready, int size, int limit_ms)
 {
     if (exits_when_serving) {
         fault.left = -1;
         exit(fault.hit ? SERVES : SERVES_UNTOUCHED);
     }
-    return __real_select(count, reads, writes, exceptions, timeout);
+    return __real_epoll_wait(epoll, ready, size, limit_ms);
 }
 
 // The bus has threads and tests of its own.
@@ -170,13 +174,23 @@ TEST(start, ends_stays_or_serves_when_a_call_fails)
         const char *call;
         const char *outcomes;
     } rows[] = {
-        {"calloc", "es-"},       {"socket", "-"},
-        {"bind", "-"},           {"setsockopt", "-"},
-        {"mkdir", "e"},          {"mkfifoat", "e"},
-        {"openat", "e-"},        {"fstat", "e-"},
-        {"if_nameindex", "s"},   {"popen", "s"},
-        {"open_memstream", "s"}, {"fopen", "s"},
-        {"getrandom", "s"},      {"_Z14ipcom_hash_addP10ipcom_hashPv", "s"},
+        {"epoll_create1", "e"},
+        {"timerfd_create", "e"},
+        {"epoll_ctl", "es"},
+        {"calloc", "es-"},
+        {"socket", "-"},
+        {"bind", "-"},
+        {"setsockopt", "-"},
+        {"getrandom", "s"},
+        {"mkdir", "e"},
+        {"mkfifoat", "e"},
+        {"openat", "e-"},
+        {"fstat", "e-"},
+        {"if_nameindex", "s"},
+        {"popen", "s"},
+        {"open_memstream", "s"},
+        {"fopen", "s"},
+        {"_Z14ipcom_hash_addP10ipcom_hashPv", "s"},
     };
     for (const auto &row : rows) {
         std::string outcomes;

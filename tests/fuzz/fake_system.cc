@@ -10,8 +10,10 @@
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 
 #include "core/dnsproxy_data.h"
+#include "core/platform/ipcom_tmo2.h"
 #include "core/platform/nms_event.h"
 #include "core/platform/qxcom_nmpipe.h"
 
@@ -171,7 +173,11 @@ void *__real_calloc(size_t count, size_t size);
 void __real_free(void *block);
 int __real_close(int fd);
 int __real_ioctl(int fd, unsigned long request, ...);
-int __real_select(int nfds, fd_set *reads, fd_set *writes, fd_set *exceptions, timeval *limit);
+int __real_epoll_create1(int flags);
+int __real_epoll_ctl(int epoll, int op, int fd, epoll_event *event);
+int __real_epoll_wait(int epoll, epoll_event *ready, int size, int limit_ms);
+int __real_timerfd_create(int clock, int flags);
+int __real_timerfd_settime(int fd, int flags, const itimerspec *when, itimerspec *before);
 
 void *__wrap_malloc(size_t size)
 {
@@ -190,10 +196,48 @@ void __wrap_free(void *block)
     __real_free(block);
 }
 
-int __wrap_select(int nfds, fd_set *reads, fd_set *writes, fd_set *exceptions, timeval *limit)
+int __wrap_epoll_create1(int flags)
 {
-    return sys.wait == nullptr ? __real_select(nfds, reads, writes, exceptions, limit)
-                               : sys.wait(reads, limit);
+    if (sys.wait == nullptr)
+        return __real_epoll_create1(flags);
+    must((flags & EPOLL_CLOEXEC) != 0, "children of the daemon cannot wait in its place");
+    return open_fd({.kind = open_file::EPOLL});
+}
+
+int __wrap_epoll_ctl(int epoll, int op, int fd, epoll_event *event)
+{
+    if (sys.wait == nullptr)
+        return __real_epoll_ctl(epoll, op, fd, event);
+    must(sys.files.contains(fd), "only open descriptors are watched and forgotten");
+    if (sys.files.at(fd).kind == open_file::ALARM)
+        return 0;
+    if (op == EPOLL_CTL_ADD)
+        must(sys.watched.insert(fd).second && event->data.fd == fd, "a descriptor is watched once");
+    else
+        must(sys.watched.erase(fd) == 1, "what is forgotten was watched");
+    return 0;
+}
+
+int __wrap_epoll_wait(int epoll, epoll_event *ready, int size, int limit_ms)
+{
+    return sys.wait == nullptr ? __real_epoll_wait(epoll, ready, size, limit_ms) : sys.wait(ready, limit_ms);
+}
+
+int __wrap_timerfd_create(int clock, int flags)
+{
+    if (sys.wait == nullptr)
+        return __real_timerfd_create(clock, flags);
+    must((flags & TFD_CLOEXEC) != 0, "children of the daemon get none of its timers");
+    return open_fd({.kind = open_file::ALARM});
+}
+
+int __wrap_timerfd_settime(int fd, int flags, const itimerspec *when, itimerspec *before)
+{
+    if (sys.wait == nullptr)
+        return __real_timerfd_settime(fd, flags, when, before);
+    sys.alarm_at = ipcom_tmo2_clock() + when->it_value.tv_sec * 1'000'000'000 + when->it_value.tv_nsec;
+    sys.alarm_was_set = true;
+    return 0;
 }
 
 int __wrap_socket(int family, int type, int)
@@ -233,6 +277,7 @@ int __wrap_close(int fd)
 {
     if (fd < first_fd)
         return __real_close(fd);
+    must(!sys.watched.contains(fd), "what is watched is forgotten before it is closed");
     must(sys.files.erase(fd) == 1, "only open descriptors are closed");
     return 0;
 }

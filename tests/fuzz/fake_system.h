@@ -11,8 +11,9 @@
 #include <dnsproxy/client.h>
 #include <map>
 #include <netinet/in.h>
+#include <set>
 #include <string>
-#include <sys/select.h>
+#include <sys/epoll.h>
 #include <vector>
 
 // Says which law does not hold and ends the program.
@@ -42,7 +43,7 @@ struct datagram {
 };
 
 struct open_file {
-    enum { SOCKET, REQUEST_PIPE, REPLY_PIPE } kind = SOCKET;
+    enum { SOCKET, REQUEST_PIPE, REPLY_PIPE, EPOLL, ALARM } kind = SOCKET;
     int family = 0;
     std::string device = {}; // that the socket is tied to; "": none
     int ifindex = 0;         // of that device when it was tied
@@ -68,6 +69,9 @@ struct system_faults {
 struct fake_system {
     std::vector<device> devices;
     std::map<int, open_file> files; // by descriptor
+    std::set<int> watched;          // by epoll, beside the alarm
+    int64_t alarm_at = INT64_MAX;   // when it goes off, by the clock of the timers
+    bool alarm_was_set = false;     // since the wait before
     std::vector<sending> sendings;
     std::vector<std::string> pipe_replies; // blocks written to the reply pipe by this step
     std::string online_state;              // text of the link-state file; empty: no file
@@ -78,8 +82,8 @@ struct fake_system {
     bool allocation_failed = false;
     std::map<void *, size_t> blocks; // memory that the daemon holds
 
-    // Called by select: fills in what is ready and gives the number, and by every receive of a datagram.
-    int (*wait)(fd_set *reads, const timeval *limit) = nullptr;
+    // Called by epoll_wait: fills in what is ready and gives the number, and by every receive of a datagram.
+    int (*wait)(epoll_event *ready, int limit_ms) = nullptr;
     void (*received)(int fd, const datagram &d) = nullptr;
 
     [[nodiscard]] const device *find_device(const std::string &name) const;

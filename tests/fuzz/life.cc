@@ -218,31 +218,33 @@ void received(int fd, const datagram &d)
                   d.bytes.substr(offsetof(dnsproxy_public_msg, pipeName)).starts_with(reply_pipe);
 }
 
-// The daemon sleeps until the first of the timers that somebody owns, and without one for ever: a timer of a
-// freed owner would wake it.
-void check_wake(const timeval *limit)
+// The alarm goes off in time for the first of the timers that somebody owns, and is set for nothing else: a
+// timer of a freed owner would wake the daemon.
+void check_wake(int limit_ms)
 {
-    must((limit == nullptr) == timers.empty(), "the daemon wakes for its timers and for nothing else");
-    if (limit == nullptr || phase == ENDING)
+    if (phase == ENDING)
         return;
     int64_t wake = INT64_MAX;
     for (const ipcom_tmo2 &t : timers) {
         must(t.deadline > ipcom_tmo2_clock(), "what is due has run");
         const bool of_record =
             t.callback == dnsproxy_entry_timeout || t.callback == dnsproxy_entry_timeout_v6;
-        wake = std::min(wake, t.deadline + (of_record ? record_life_ns : socket_life_ns) / 1024);
+        wake = std::min(wake, t.deadline + (of_record ? record_life_ns : socket_life_ns) / 32);
     }
-    must(int64_t{limit->tv_sec} * 1'000'000 + limit->tv_usec == (wake - ipcom_tmo2_clock() + 999) / 1000,
-         "the daemon wakes for the first timer");
+    must(limit_ms == -1, "the daemon waits for descriptors and the alarm");
+    must(sys.alarm_at <= wake, "the daemon wakes for the first timer");
+    must(!sys.alarm_was_set || sys.alarm_at == wake, "the daemon wakes for its timers and for nothing else");
+    sys.alarm_was_set = false;
 }
 
 // The loop's wait.
-int wait(fd_set *reads, const timeval *limit)
+int wait(epoll_event *ready, int limit_ms)
 {
     settle();
-    check_wake(limit);
-    must(sys.files.size() == descriptors.size() + 4,
-         "open are the lines' sockets, two listen sockets, the netlink socket and the request pipe");
+    check_wake(limit_ms);
+    must(sys.files.size() == descriptors.size() + 6,
+         "open are the lines' sockets, two listen sockets, the netlink socket, the request pipe, and two to "
+         "wait with");
     must(waiting_before == 0 || sys.waiting() < waiting_before, "a pass serves something that is ready");
     sys.allocations_left = -1;
     if (phase == RUNNING && !(*script)())
@@ -251,17 +253,16 @@ int wait(fd_set *reads, const timeval *limit)
     if (phase == DRAINING && waiting_before == 0)
         longjmp(end_of_loop, 1);
     int count = 0;
-    fd_set ready;
-    FD_ZERO(&ready);
     for (const auto &[fd, file] : sys.files) {
-        if (file.waiting.empty())
+        const bool goes_off = file.kind == open_file::ALARM && sys.alarm_at <= ipcom_tmo2_clock();
+        if (goes_off)
+            sys.alarm_at = INT64_MAX;
+        if (file.waiting.empty() && !goes_off)
             continue;
-        must(FD_ISSET(fd, reads), "the loop waits for every open descriptor");
-        FD_SET(fd, &ready);
-        count++;
+        must(goes_off || sys.watched.contains(fd), "the loop waits for every open descriptor");
+        ready[count].events = EPOLLIN;
+        ready[count++].data.fd = fd;
     }
-    if (reads != nullptr)
-        *reads = ready;
     expected.let_expire();
     return count;
 }

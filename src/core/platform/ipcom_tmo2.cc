@@ -5,13 +5,14 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "core/platform/read_waiter.h"
+
 namespace {
 
 constexpr int64_t ns_per_ms = 1'000'000;
-constexpr int64_t ns_per_us = 1'000;
 constexpr int64_t ns_per_s = 1'000'000'000;
 constexpr int64_t longest_ms = int64_t{1} << 42; // 139 years; keeps every sum in range
-constexpr int64_t lateness_divisor = 1024;
+constexpr int64_t lateness_divisor = 32;
 constexpr int64_t never = INT64_MAX;
 
 int64_t monotonic_clock()
@@ -33,8 +34,12 @@ struct ipcom_tmo2_queue {
     ipcom_tmo2 ends;
 };
 
+// The alarm wakes a wait for the timers. Each wait would need it for another time, but to set it is dear: it
+// is left where it is while it goes off early enough, and what is due by then has mostly run already.
 struct ipcom_tmo2_head {
     ipcom_tmo2_queue *queues;
+    int64_t alarm_at; // `never`: it is not set; else it has yet to end a wait
+    read_waiter waiter;
 };
 
 static bool is_empty(const ipcom_tmo2_queue *queue)
@@ -106,7 +111,14 @@ static void run_due(ipcom_tmo2_head *head, int64_t now)
 
 ipcom_tmo2_head *ipcom_tmo2_new()
 {
-    return static_cast<ipcom_tmo2_head *>(calloc(1, sizeof(ipcom_tmo2_head)));
+    auto *head = static_cast<ipcom_tmo2_head *>(calloc(1, sizeof(ipcom_tmo2_head)));
+    if (head == nullptr)
+        return nullptr;
+    head->alarm_at = never;
+    if (read_waiter_open(&head->waiter) == 0)
+        return head;
+    free(head);
+    return nullptr;
 }
 
 void ipcom_tmo2_delete(ipcom_tmo2_head *head)
@@ -118,6 +130,7 @@ void ipcom_tmo2_delete(ipcom_tmo2_head *head)
         head->queues = queue->next;
         free(queue);
     }
+    read_waiter_close(&head->waiter);
     free(head);
 }
 
@@ -149,33 +162,53 @@ void ipcom_tmo2_cancel(ipcom_tmo2 *tmo)
     tmo->queue = nullptr;
 }
 
+// Sees to it that a wait ends in time for the timers; false: it must not wait at all.
+static bool may_wait(ipcom_tmo2_head *head, const schedule &s)
+{
+    if (s.wake == never || head->alarm_at <= s.wake)
+        return true;
+    const int64_t left = s.wake - ipcom_tmo2_clock();
+    if (left <= 0)
+        return false;
+    read_waiter_set_alarm(&head->waiter, left);
+    head->alarm_at = s.wake;
+    return true;
+}
+
+static int milliseconds_of(const timeval &limit)
+{
+    constexpr time_t longest_s = 1'000'000;
+    return static_cast<int>(std::min(limit.tv_sec, longest_s) * 1000 + (limit.tv_usec + 999) / 1000);
+}
+
 int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, fd_set *writes, fd_set *exceptions,
                       const timeval *limit)
 {
-    timeval wait = {};
-    timeval *timeout = nullptr;
-    if (limit != nullptr) {
-        wait = *limit;
-        timeout = &wait;
+    if (writes != nullptr || exceptions != nullptr) {
+        errno = EINVAL;
+        return -1;
     }
     const schedule s = schedule_of(head);
-    if (s.wake != never) {
-        const int64_t left = s.wake - ipcom_tmo2_clock();
-        const int64_t left_us = left <= 0 ? 0 : (left + ns_per_us - 1) / ns_per_us;
-        const timeval until_wake = {.tv_sec = static_cast<time_t>(left_us / 1'000'000),
-                                    .tv_usec = static_cast<suseconds_t>(left_us % 1'000'000)};
-        if (timeout == nullptr || timercmp(&until_wake, &wait, <)) {
-            wait = until_wake;
-            timeout = &wait;
-        }
-    }
-    const int ready = select(nfds, reads, writes, exceptions, timeout);
-    if (s.due != never) {
-        const int error = errno;
-        const int64_t now = ipcom_tmo2_clock();
-        if (s.due <= now)
-            run_due(head, now);
+    int limit_ms = limit != nullptr ? milliseconds_of(*limit) : -1;
+    if (!may_wait(head, s))
+        limit_ms = 0;
+    bool alarmed = false;
+    const int ready = read_waiter_wait(&head->waiter, nfds, reads, limit_ms, &alarmed);
+    if (alarmed)
+        head->alarm_at = never;
+    if (s.due == never)
+        return ready;
+    const int error = ready < 0 ? errno : 0;
+    const int64_t now = ipcom_tmo2_clock();
+    if (s.due <= now)
+        run_due(head, now);
+    if (ready < 0)
         errno = error;
-    }
     return ready;
+}
+
+void ipcom_tmo2_forget(ipcom_tmo2_head *head, int fd)
+{
+    if (head != nullptr)
+        read_waiter_forget(&head->waiter, fd);
 }

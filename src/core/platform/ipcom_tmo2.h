@@ -8,8 +8,9 @@
 // by themselves: request, cancel and expiry cost the same with a million timers armed.
 //
 // Times are milliseconds of CLOCK_MONOTONIC. A wait is never shorter than asked. It may be longer: when
-// nothing else wakes the process, an expiry waits up to a 1024th of its length (10 ms for 10 s), so that
-// under load expiries ride on the wake-ups of the traffic instead of causing their own.
+// nothing else wakes the process, an expiry waits up to a 32nd of its length (0.3 s for 10 s), so that under
+// load expiries ride on the wake-ups of the traffic instead of causing their own. They run before the
+// descriptors that woke the process are served: nobody who asks sees one that is late.
 #ifndef CORE_PLATFORM_IPCOM_TMO2_H
 #define CORE_PLATFORM_IPCOM_TMO2_H
 
@@ -45,11 +46,15 @@ void ipcom_tmo2_delete(ipcom_tmo2_head *head);
 // Disarms; does nothing for a timer that is not armed.
 void ipcom_tmo2_cancel(ipcom_tmo2 *tmo);
 
-// select(2) that also runs the callbacks of the timers that are due. Returns select's result with the sets
-// cut down likewise: 0 when it returned for timers only, negative (errno set) when a signal interrupted it.
-// A callback may have closed a descriptor that the sets still show as ready. `limit` is not changed.
+// select(2) for reading that also runs the callbacks of the timers that are due. Returns select's result with
+// `reads` cut down likewise: 0 when it returned for timers only, negative (errno set) when a signal
+// interrupted it. A callback may have closed a descriptor that the set still shows as ready. `writes` and
+// `exceptions` must be nullptr; `limit` is not changed.
 int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, fd_set *writes, fd_set *exceptions,
                       const timeval *limit);
+
+// To be called before a descriptor is closed that ipcom_tmo2_select was given (head nullptr: nothing).
+void ipcom_tmo2_forget(ipcom_tmo2_head *head, int fd);
 
 // The clock of the service, in nanoseconds; CLOCK_MONOTONIC unless a test moves time itself.
 extern int64_t (*ipcom_tmo2_clock)();
