@@ -181,8 +181,8 @@ static int milliseconds_of(const timeval &limit)
     return static_cast<int>(std::min(limit.tv_sec, longest_s) * 1000 + (limit.tv_usec + 999) / 1000);
 }
 
-int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, fd_set *writes, fd_set *exceptions,
-                      const timeval *limit)
+int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, const fd_set *writes,
+                      const fd_set *exceptions, const timeval *limit)
 {
     if (writes != nullptr || exceptions != nullptr) {
         errno = EINVAL;

@@ -50,8 +50,8 @@ void ipcom_tmo2_cancel(ipcom_tmo2 *tmo);
 // `reads` cut down likewise: 0 when it returned for timers only, negative (errno set) when a signal
 // interrupted it. A callback may have closed a descriptor that the set still shows as ready. `writes` and
 // `exceptions` must be nullptr; `limit` is not changed.
-int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, fd_set *writes, fd_set *exceptions,
-                      const timeval *limit);
+int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, const fd_set *writes,
+                      const fd_set *exceptions, const timeval *limit);
 
 // To be called before a descriptor is closed that ipcom_tmo2_select was given (head nullptr: nothing).
 void ipcom_tmo2_forget(ipcom_tmo2_head *head, int fd);
