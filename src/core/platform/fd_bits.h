@@ -16,13 +16,13 @@ inline void fd_bits_add(fd_set *set, int fd)
     word = static_cast<fd_mask>(static_cast<unsigned long>(word) | 1UL << fd % NFDBITS);
 }
 
+// Without an early end, which the compiler turns into a few wide instructions: sets are mostly equal.
 inline bool fd_bits_equal(const fd_set *a, const fd_set *b)
 {
-    for (int i = 0; i < FD_SETSIZE / NFDBITS; i++) {
-        if (a->fds_bits[i] != b->fds_bits[i])
-            return false;
-    }
-    return true;
+    unsigned long differing = 0;
+    for (int i = 0; i < FD_SETSIZE / NFDBITS; i++)
+        differing |= static_cast<unsigned long>(a->fds_bits[i] ^ b->fds_bits[i]);
+    return differing == 0;
 }
 
 #endif
