@@ -6,8 +6,8 @@
 
 #include "core/log.h"
 #include "tests/fuzz/fuzz.h"
-#include "tests/fuzz/life.h"
-#include "tests/fuzz/model.h"
+#include "tests/model/life.h"
+#include "tests/model/model.h"
 
 namespace {
 
@@ -97,7 +97,7 @@ void fault(fuzz_reader *in, unsigned number)
     if (number < 4)
         sys.allocations_left = static_cast<int>(bits % 16);
     else
-        sys.faults = {(bits & 1) != 0, (bits & 2) != 0, (bits & 4) != 0, (bits & 8) != 0};
+        sys.faults = {(bits & 1) != 0, (bits & 2) != 0, (bits & 4) != 0, (bits & 8) != 0, false};
 }
 
 // Whether the next event belongs to the same pass.

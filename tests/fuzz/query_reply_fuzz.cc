@@ -6,8 +6,8 @@
 
 #include "core/log.h"
 #include "tests/fuzz/fuzz.h"
-#include "tests/fuzz/life.h"
-#include "tests/fuzz/model.h"
+#include "tests/model/life.h"
+#include "tests/model/model.h"
 
 namespace {
 

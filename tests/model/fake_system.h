@@ -2,8 +2,8 @@
 // process and fail when they are told to. The daemon's code is linked with --wrap for what it calls
 // (fake_system.cc has the list); its named pipes and the event report are replaced as a whole. No call here
 // waits, and nothing is drawn: the same calls have the same results.
-#ifndef TESTS_FUZZ_FAKE_SYSTEM_H
-#define TESTS_FUZZ_FAKE_SYSTEM_H
+#ifndef TESTS_MODEL_FAKE_SYSTEM_H
+#define TESTS_MODEL_FAKE_SYSTEM_H
 
 #include <array>
 #include <cstdint>
@@ -16,8 +16,18 @@
 #include <sys/epoll.h>
 #include <vector>
 
-// Says which law does not hold and ends the program.
+// Says which law does not hold, also at `broken_law` where that is set, and ends the program.
 void must(bool holds, const char *law);
+extern char *broken_law; // room for 200 bytes
+
+// Counts what a life met by its name, so that nobody takes for tested what never happened.
+void met(const char *what);
+uint64_t times_met(const char *what);
+
+// Calls that failed.
+constexpr char fault_socket[] = "no socket", fault_number[] = "descriptor too high",
+               fault_dead[] = "send on a dead socket", fault_upstream[] = "send to a server failed",
+               fault_host[] = "send to a host failed", fault_memory[] = "no memory";
 
 struct device {
     std::string name;
@@ -64,6 +74,7 @@ struct system_faults {
     bool high_descriptors;     // socket() gives numbers that do not fit into an fd_set
     bool upstream_unreachable; // tied sockets cannot send
     bool hosts_unreachable;    // other sockets cannot send
+    bool no_memory;
 };
 
 struct fake_system {
@@ -85,6 +96,8 @@ struct fake_system {
     // Called by epoll_wait: fills in what is ready and gives the number, and by every receive of a datagram.
     int (*wait)(epoll_event *ready, int limit_ms) = nullptr;
     void (*received)(int fd, const datagram &d) = nullptr;
+    // Where it is set, called behind every send.
+    void (*sent)(const sending &s) = nullptr;
 
     [[nodiscard]] const device *find_device(const std::string &name) const;
     [[nodiscard]] const device *find_device(int index) const; // nullptr also for one that is not present

@@ -1,7 +1,7 @@
 // What the daemon must do, in the plainest form: one list of the queries in flight, one of the lines. Each
 // function takes in one thing that happens and leaves behind what must be so and what must be sent.
-#ifndef TESTS_FUZZ_MODEL_H
-#define TESTS_FUZZ_MODEL_H
+#ifndef TESTS_MODEL_MODEL_H
+#define TESTS_MODEL_MODEL_H
 
 #include <bitset>
 #include <cstdint>
@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "iface/server_if.h"
-#include "tests/fuzz/fake_system.h"
+#include "tests/model/fake_system.h"
 
 constexpr int64_t record_life_ns = 10'000'000'000;
 constexpr int64_t socket_life_ns = 60'000'000'000;

@@ -5,14 +5,14 @@
 // The router: hosts on br-lan (free), office (free, all lines at once), br-guest (forced out by wan1), far
 // (forced out by wan3, a line that is not there at first), lo (free), and ppp0, which stands for br-pppoe
 // (forced out by pt-vpn0); eth9 is not served. Lines wan1, wan2 and pt-vpn0.
-#ifndef TESTS_FUZZ_LIFE_H
-#define TESTS_FUZZ_LIFE_H
+#ifndef TESTS_MODEL_LIFE_H
+#define TESTS_MODEL_LIFE_H
 
 #include <cstdint>
 #include <functional>
 #include <string>
 
-#include "tests/fuzz/fake_system.h"
+#include "tests/model/fake_system.h"
 #include "tests/support/fake_clock.h"
 
 // From the daemon's start until the last of its timers and the return of its memory. `events` is called

@@ -1,4 +1,4 @@
-#include "tests/fuzz/fake_system.h"
+#include "tests/model/fake_system.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <net/if.h>
+#include <string_view>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
@@ -19,13 +20,32 @@
 
 fake_system sys;
 const char reply_pipe[] = "reply";
+char *broken_law;
 
 void must(bool holds, const char *law)
 {
     if (holds)
         return;
     (void)fprintf(stderr, "a law does not hold: %s\n", law);
+    if (broken_law != nullptr)
+        (void)snprintf(broken_law, 200, "%s", law);
     abort();
+}
+
+static std::map<std::string_view, uint64_t> &tally()
+{
+    static std::map<std::string_view, uint64_t> counts;
+    return counts;
+}
+
+void met(const char *what)
+{
+    tally()[what]++;
+}
+
+uint64_t times_met(const char *what)
+{
+    return tally()[what];
 }
 
 const device *fake_system::find_device(const std::string &name) const
@@ -72,9 +92,10 @@ int open_fd(open_file file)
 
 bool memory_left()
 {
-    if (sys.allocations_left < 0 || sys.allocations_left-- > 0)
+    if (!sys.faults.no_memory && (sys.allocations_left < 0 || sys.allocations_left-- > 0))
         return true;
     sys.allocation_failed = true;
+    met(fault_memory);
     errno = ENOMEM;
     return false;
 }
@@ -243,6 +264,8 @@ int __wrap_timerfd_settime(int fd, int flags, const itimerspec *when, itimerspec
 int __wrap_socket(int family, int type, int)
 {
     must((type & SOCK_CLOEXEC) != 0, "children of the daemon get none of its sockets");
+    if (sys.faults.no_descriptors || sys.faults.high_descriptors)
+        met(sys.faults.no_descriptors ? fault_socket : fault_number);
     return sys.faults.no_descriptors ? fail(EMFILE) : open_fd({.family = family});
 }
 
@@ -292,14 +315,22 @@ ssize_t __wrap_sendto(int fd, const void *bytes, size_t length, int flags, const
     const peer destination = get_peer(to, to_length);
     must(destination.v6 == (file.family == AF_INET6), "a socket sends to addresses of its family");
     auto sent = static_cast<ssize_t>(length);
-    if (is_dead(file))
+    if (is_dead(file)) {
+        met(fault_dead);
         sent = fail(destination.v6 ? ENETUNREACH : ENODEV);
-    else if (upstream ? sys.faults.upstream_unreachable : sys.faults.hosts_unreachable)
+    } else if (upstream ? sys.faults.upstream_unreachable : sys.faults.hosts_unreachable) {
+        met(upstream ? fault_upstream : fault_host);
         sent = fail(ENETUNREACH);
+    }
     sys.sendings.push_back({.device = file.device,
                             .to = destination,
                             .bytes = {static_cast<const char *>(bytes), length},
                             .sent = sent == static_cast<ssize_t>(length)});
+    if (sys.sent != nullptr) {
+        const int error = errno;
+        sys.sent(sys.sendings.back());
+        errno = error;
+    }
     return sent;
 }
 

@@ -1,4 +1,4 @@
-#include "tests/fuzz/model.h"
+#include "tests/model/model.h"
 
 #include <algorithm>
 #include <cstring>
@@ -135,7 +135,7 @@ void model::go_forced(question q, const char *out_ifname)
     forced_line = out_ifname;
     dnsproxy_server_if *line = find_line(out_ifname);
     if (line == nullptr)
-        return;
+        return met("forced query without its line");
     int slot = line->dnsIndex;
     if (!has_server(*line, q.v6, slot) && !has_server(*line, q.v6, slot = 1 - slot))
         return;
@@ -145,14 +145,18 @@ void model::go_forced(question q, const char *out_ifname)
         return;
     if (send(q, *line, slot))
         remember(&q, *line, slot);
-    else if (is_dead(*line, q.v6))
+    else if (is_dead(*line, q.v6)) {
+        met("socket closed as dead");
         fd_of(*line, q.v6) = -1;
+    }
 }
 
 // Both servers of the first line that can be used, which is the last one afterwards; or all of all lines. A
 // failure ends it, and that line is the last one too.
 void model::go_free(question q, bool polling)
 {
+    if (dnsproxy_data.allServerIfDown == 1)
+        met("all lines down");
     polling = polling || (!q.v6 && dnsproxy_data.allServerIfDown == 1);
     for (size_t i = 0; i < lines.size(); i++) {
         dnsproxy_server_if &line = lines[i];
@@ -223,7 +227,9 @@ void model::reply(const datagram &d, bool v6)
         if (!sent)
             return;
         marks.reset(mark_of(id));
-    }
+        met("reply relayed");
+    } else
+        met("reply not relayed");
     r->answered = true;
     silent = 0;
     report_armed = true;
@@ -236,6 +242,7 @@ void model::let_expire()
     while (!records.empty() && records.front().deadline <= now()) {
         const record r = records.front();
         records.erase(records.begin());
+        met(r.answered ? "record expired answered" : "record expired unanswered");
         if (dnsproxy_server_if *line = find_line(r.line); line != nullptr) {
             if (r.answered)
                 line->dnsIndex = r.slot;
@@ -243,6 +250,7 @@ void model::let_expire()
                 line->dnsIndex = r.slot == 0 && has_server(*line, r.v6, 1) ? 1 : 0;
         }
         if (++silent >= 10 && report_armed) {
+            met("silence reported");
             reports++;
             report_armed = false;
         }
@@ -250,8 +258,10 @@ void model::let_expire()
     }
     for (auto &line : lines) {
         for (const bool v6 : {false, true}) {
-            if (timer_of(line, v6).deadline <= now())
+            if (fd_of(line, v6) >= 0 && timer_of(line, v6).deadline <= now()) {
+                met("socket idle");
                 fd_of(line, v6) = -1;
+            }
         }
     }
 }
