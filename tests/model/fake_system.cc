@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <net/if.h>
+#include <pthread.h>
 #include <string_view>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -177,15 +178,23 @@ bool is_dead(const open_file &file)
     return file.ifindex != 0 && sys.find_device(file.ifindex) == nullptr;
 }
 
-FILE *open_text(std::string text)
+// The text must stay.
+FILE *open_text(std::string &text)
 {
-    sys.file_text = std::move(text);
-    if (sys.file_text.empty())
-        return fopen("/dev/null", "re");
-    return fmemopen(sys.file_text.data(), sys.file_text.size(), "r");
+    return text.empty() ? fopen("/dev/null", "re") : fmemopen(text.data(), text.size(), "r");
 }
 
 } // namespace
+
+std::string device_of(const std::string &logical)
+{
+    static const std::map<std::string, std::string> devices = {
+        {"loopback", "lo"},     {"LAN", "br-lan"},  {"OFFICE", "office"}, {"GUEST", "br-guest"},
+        {"PPPOES", "br-pppoe"}, {"FAR", "far"},     {"WAN1", "wan1"},     {"WAN2", "wan2"},
+        {"WAN3", "wan3"},       {"VPN", "pt-vpn0"}, {"NAMELESS", ""}};
+    const auto known = devices.find(logical);
+    return known == devices.end() ? no_device : known->second;
+}
 
 extern "C" {
 FILE *__real_fopen(const char *path, const char *mode);
@@ -405,14 +414,12 @@ void __wrap_if_freenameindex(struct if_nameindex *list)
     __wrap_free(list);
 }
 
-// The zone functions: WANn is wann, VPN is pt-vpn0, NAMELESS prints an empty line, others print nothing.
 FILE *__wrap_popen(const char *command, const char *)
 {
     std::string name = strstr(command, "zone_iface_to_userif ") + strlen("zone_iface_to_userif ");
-    name.resize(name.find(')'));
-    if (name.starts_with("WAN"))
-        return open_text("wan" + name.substr(3) + "\n");
-    return open_text(name == "VPN" ? "pt-vpn0\n" : name == "NAMELESS" ? "\n" : "");
+    name = device_of(name.substr(0, name.find(')')));
+    sys.output = name == no_device ? "" : name + "\n";
+    return open_text(sys.output);
 }
 
 int __wrap_pclose(FILE *stream)
@@ -422,10 +429,27 @@ int __wrap_pclose(FILE *stream)
 
 FILE *__wrap_fopen(const char *path, const char *mode)
 {
-    if (strcmp(path, "/tmp/online/state") != 0)
+    const std::string name = path;
+    std::string *text = name == "/tmp/online/state"       ? &sys.online_state
+                        : name == "/tmp/resolv.conf.auto" ? &sys.resolv
+                                                          : nullptr;
+    if (text == nullptr || sys.wait == nullptr)
         return __real_fopen(path, mode);
     errno = ENOENT;
-    return sys.online_state.empty() ? nullptr : open_text(sys.online_state);
+    return text->empty() ? nullptr : open_text(*text);
+}
+
+FILE *__real_open_memstream(char **text, size_t *length);
+FILE *__wrap_open_memstream(char **text, size_t *length)
+{
+    return sys.dumps || sys.wait == nullptr ? __real_open_memstream(text, length) : nullptr;
+}
+
+// The bus has a thread and tests of its own.
+int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *how, void *(*run)(void *), void *arg)
+{
+    return sys.wait == nullptr ? __real_pthread_create(thread, how, run, arg) : EAGAIN;
 }
 
 // The secret of the hash tables is always the same, so that a run can be repeated.

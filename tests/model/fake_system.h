@@ -86,8 +86,10 @@ struct fake_system {
     std::vector<sending> sendings;
     std::vector<std::string> pipe_replies; // blocks written to the reply pipe by this step
     std::string online_state;              // text of the link-state file; empty: no file
-    std::string file_text;                 // behind the stream that is open; one at a time is
+    std::string resolv;                    // of the resolver file
+    std::string output;                    // behind the command that runs; one at a time does
     int reports = 0;                       // events reported
+    bool dumps = false;                    // whether there is memory for the text of a dump
     system_faults faults = {};
     int allocations_left = -1; // until one fails; negative: none does
     bool allocation_failed = false;
@@ -106,5 +108,9 @@ struct fake_system {
 
 extern fake_system sys;
 extern const char reply_pipe[]; // the one that can be opened
+
+// The device that the zone functions know by a logical name, or no_device.
+std::string device_of(const std::string &logical);
+constexpr char no_device[] = "?";
 
 #endif

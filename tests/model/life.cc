@@ -4,12 +4,12 @@
 #include <csetjmp>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <set>
 
 #include "cache/request_cache.h"
-#include "core/event_loop.h"
 #include "core/start.h"
 #include "iface/listen_if.h"
 #include "tests/model/model.h"
@@ -21,8 +21,6 @@ extern "C" void __wrap_free(void *block);
 namespace {
 
 model expected;
-bool lines_may_change;          // a request is being served
-bool wants_reply;               // and names a pipe for its reply
 size_t records_before_step;     // of the model
 std::vector<ipcom_tmo2> timers; // that somebody owns
 std::set<int> descriptors;      // that lines own
@@ -141,14 +139,22 @@ void check_lines()
         lines.push_back(*line);
     }
     std::swap(lines, expected.lines);
-    if (lines_may_change || sys.allocation_failed)
+    must(sys.allocation_failed || expected.all_down == (dnsproxy_data.allServerIfDown == 1),
+         "the daemon knows when no line is up");
+    if (sys.allocation_failed) {
+        expected.all_down = dnsproxy_data.allServerIfDown == 1;
         return;
+    }
     must(lines.size() == expected.lines.size(), "only requests add and remove lines");
     for (size_t i = 0; i < lines.size(); i++) {
         dnsproxy_server_if &is = expected.lines[i], &should = lines[i];
         must(strcmp(is.ifname, should.ifname) == 0, "lines take turns");
         must(is.dnsIndex == should.dnsIndex, "a line learns its server from expiries");
         must(is.useCount == should.useCount, "forced queries are counted");
+        must(is.is_down == should.is_down, "a line is down when the bus or the file says so");
+        must(memcmp(is.dnsServer, should.dnsServer, sizeof is.dnsServer) == 0 &&
+                 memcmp(is.dnsServer6, should.dnsServer6, sizeof is.dnsServer6) == 0,
+             "requests alone change servers");
         for (const bool v6 : {false, true}) {
             const bool open = fd_of(should, v6) >= 0;
             must(open == (fd_of(is, v6) >= 0), "sockets open for queries and close when idle or dead");
@@ -177,25 +183,12 @@ void check_sendings()
     expected.records.resize(std::min(expected.records.size(), records_before_step));
 }
 
-void check_pipe_replies()
-{
-    const std::vector<std::string> &blocks = sys.pipe_replies;
-    must(blocks.empty() != wants_reply, "a request that names a pipe gets one reply");
-    if (blocks.empty())
-        return;
-    dnsproxy_public_msg reply;
-    must(blocks[0].size() == sizeof reply, "a reply has its length");
-    memcpy(&reply, blocks[0].data(), sizeof reply);
-    const size_t trailing = reply.result < 0 ? 0 : reply.dataLen;
-    must(blocks.size() == (trailing == 0 ? 1U : 2U) && (trailing == 0 || blocks[1].size() == trailing),
-         "behind a reply comes the data that it announces");
-}
-
 // Ends a step.
 void settle()
 {
     check_sendings();
-    check_pipe_replies();
+    must(sys.allocation_failed || sys.pipe_replies == expected.pipe_replies,
+         "a request that names a pipe gets its reply, and behind it the data that this announces");
     must(sys.reports == expected.reports, "ten unanswered queries in a row are reported once");
     timers.clear();
     descriptors.clear();
@@ -205,8 +198,8 @@ void settle()
                 dnsproxy_entry_findById_v6);
     check_lines();
     records_before_step = expected.records.size();
-    lines_may_change = wants_reply = false;
     expected.sendings.clear();
+    expected.pipe_replies.clear();
     expected.forced_line.clear();
     sys.sendings.clear();
     sys.pipe_replies.clear();
@@ -222,9 +215,8 @@ void received(int fd, const datagram &d)
         expected.query(d);
     else if (!file.device.empty())
         expected.reply(d, file.family == AF_INET6);
-    lines_may_change = file.kind == open_file::REQUEST_PIPE;
-    wants_reply = lines_may_change && d.bytes.size() == sizeof(dnsproxy_public_msg) &&
-                  d.bytes.substr(offsetof(dnsproxy_public_msg, pipeName)).starts_with(reply_pipe);
+    else if (file.kind == open_file::REQUEST_PIPE)
+        expected.request(d.bytes);
 }
 
 // The alarm goes off in time for the first of the timers that somebody owns, and is set for nothing else: a
@@ -276,30 +268,41 @@ int wait(epoll_event *ready, int limit_ms)
     return count;
 }
 
+// Its files make the rules and the lines.
 void start(uint16_t first_id, int log_level)
 {
     dnsproxy_data = {};
     dnsproxy_data.dnsproxyQueryMax = 4; // records share buckets
     dnsproxy_data.nextNewId = first_id;
     dnsproxy_data.logLevel = log_level;
-    strcpy(dnsproxy_data.pppoesIfname, "br-pppoe");
-    bool done = dnsproxy_data_init() == 0 && dnsproxy_pipe_init() == 0 && dnsproxy_cache_init() == 0 &&
-                dnsproxy_cache_init_v6() == 0 && dnsproxy_if_init() == 0;
     static constexpr struct {
-        const char *name, *out;
-        unsigned polling;
-    } rules[] = {{"br-lan", nullptr, 0},     {"office", nullptr, 1}, {"br-guest", "wan1", 0},
-                 {"br-pppoe", "pt-vpn0", 0}, {"far", "wan3", 0},     {"lo", nullptr, 0}};
+        const char *name, *options;
+    } rules[] = {{"LAN", "option out_if WAN1"},
+                 {"OFFICE", "option out_type polling"},
+                 {"GUEST", "option force_if on\n option out_if WAN1"},
+                 {"PPPOES", "option name dnsproxy_pppoes"},
+                 {"PPPOES", "list force_if off\n list force_if on\n option out_if VPN"},
+                 {"FAR", "option force_if on\n option out_if WAN3"},
+                 {"loopback", ""},
+                 {"GUEST", ""}};
+    // Where the configuration store finds it, whichever library it is.
+    std::ofstream file("/etc/config/dns");
     for (const auto &r : rules)
-        done = done && dnsproxy_listen_if_new(r.name, r.out != nullptr ? 1 : 0, r.out, r.polling) == 0;
-    uint8_t number = 0;
-    for (const char *name : {"wan1", "wan2", "pt-vpn0"}) {
-        sockaddr_in6 first = {}, second = {};
-        first.sin6_addr.s6_addr[15] = ++number;
-        second.sin6_addr.s6_addr[14] = number;
-        done = done && dnsproxy_server_if_new(name, number, number + 16U, &first, &second, 0, 0) == 0;
+        file << std::string("config rule\n option service_if ") + r.name + "\n " + r.options + "\n";
+    sys.resolv =
+        "#Interface WAN1\nnameserver 1.0.0.0\nnameserver ::1\nnameserver 17.0.0.0\nnameserver ::100\n"
+        "#Interface WAN2\nnameserver 2.0.0.0\nnameserver ::2\nnameserver 18.0.0.0\nnameserver ::200\n"
+        "#Interface VPN\nnameserver 3.0.0.0\nnameserver ::3\nnameserver 19.0.0.0\nnameserver ::300\n";
+    for (uint8_t number = 1; number <= 3; number++) {
+        dnsproxy_server_if line = {};
+        strcpy(line.ifname, number == 1 ? "wan1" : number == 2 ? "wan2" : "pt-vpn0");
+        line.dnsServer[0] = number;
+        line.dnsServer[1] = number + 16;
+        line.dnsServer6[0].sin6_addr.s6_addr[15] = line.dnsServer6[1].sin6_addr.s6_addr[14] = number;
+        line.serverFd = line.serverFd6 = -1;
+        expected.lines.push_back(line);
     }
-    must(done, "the daemon starts");
+    expected.read_online_state();
 }
 
 // Time goes on after the loop has been left.
@@ -344,12 +347,13 @@ void live(uint16_t first_id, int log_level, const std::function<bool()> &events)
     sys.received = received;
     start(first_id, log_level);
     expected.next_id = first_id;
-    lines_may_change = true; // they have just been made
     script = &events;
     phase = RUNNING;
     waiting_before = 0;
-    if (setjmp(end_of_loop) == 0)
-        (void)dnsproxyd();
+    if (setjmp(end_of_loop) == 0) {
+        (void)dnsproxy_start();
+        must(false, "the daemon starts");
+    }
     end();
     sys = {};
     expected = {};
@@ -399,14 +403,8 @@ void netlink(const std::string &batch)
 void set_link(const char *line, bool up)
 {
     const uint64_t is_down = up ? 0 : 1;
-    dnsproxy_server_if *sif = expected.find_line(line);
-    must((dnsproxy_server_if_state_up(line, &is_down) == 0) == (sif != nullptr), "known lines have a state");
-    if (sif == nullptr)
-        return;
-    sif->is_down = is_down;
-    const bool all_down = std::all_of(expected.lines.begin(), expected.lines.end(),
-                                      [](const auto &each) { return each.is_down != 0; });
-    must(all_down == (dnsproxy_data.allServerIfDown == 1), "the daemon knows when no line is up");
+    must((dnsproxy_server_if_state_up(line, &is_down) == 0) == expected.set_link(line, !up),
+         "known lines have a state");
 }
 
 void toggle_device(size_t number)

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <sstream>
+#include <tuple>
 
 #include "core/dnsproxy_data.h"
+#include "core/status.h"
 #include "iface/listen_if.h"
 
 namespace {
@@ -155,9 +158,9 @@ void model::go_forced(question q, const char *out_ifname)
 // failure ends it, and that line is the last one too.
 void model::go_free(question q, bool polling)
 {
-    if (dnsproxy_data.allServerIfDown == 1)
+    if (all_down)
         met("all lines down");
-    polling = polling || (!q.v6 && dnsproxy_data.allServerIfDown == 1);
+    polling = polling || (!q.v6 && all_down);
     for (size_t i = 0; i < lines.size(); i++) {
         dnsproxy_server_if &line = lines[i];
         if (!q.v6 && !polling && line.is_down != 0)
@@ -263,5 +266,126 @@ void model::let_expire()
                 fd_of(line, v6) = -1;
             }
         }
+    }
+}
+
+bool model::set_link(const std::string &line, bool down)
+{
+    dnsproxy_server_if *known = find_line(line);
+    if (known == nullptr)
+        return false;
+    known->is_down = down ? 1 : 0;
+    all_down = std::all_of(lines.begin(), lines.end(), [](const auto &each) { return each.is_down != 0; });
+    return true;
+}
+
+void model::read_online_state()
+{
+    std::istringstream file(sys.online_state);
+    for (std::string line; std::getline(file, line);) {
+        const size_t separator = line.find('=');
+        if (separator != 0 && separator != std::string::npos)
+            (void)set_link(line.substr(0, separator), line.substr(separator + 1).starts_with("off"));
+    }
+}
+
+// A message of the right length is carried out, and answered where its pipe can be opened; lines that are
+// gone have no sockets.
+void model::request(const std::string &bytes)
+{
+    dnsproxy_public_msg m;
+    if (bytes.size() != sizeof m)
+        return;
+    memcpy(&m, bytes.data(), sizeof m);
+    std::string trailing;
+    m.result = carry_out(&m, &trailing);
+    if (strncmp(m.pipeName, reply_pipe, sizeof m.pipeName) != 0)
+        return;
+    pipe_replies.emplace_back(reinterpret_cast<const char *>(&m), sizeof m);
+    if (!trailing.empty())
+        pipe_replies.push_back(trailing);
+}
+
+int model::carry_out(dnsproxy_public_msg *m, std::string *trailing)
+{
+    const std::string device = device_of({m->ifname, strnlen(m->ifname, sizeof m->ifname)});
+    if (device == no_device)
+        return DNSPROXY_EINVALID;
+    dnsproxy_server_if *line = find_line(device);
+    uint32_t op = m->op;
+    if (op == DNSPROXY_DNS_SERVER_ADDORSET)
+        op = line != nullptr ? DNSPROXY_DNS_SERVER_SET : DNSPROXY_DNS_SERVER_ADD;
+    if (line == nullptr &&
+        (op == DNSPROXY_DNS_SERVER_GET || op == DNSPROXY_DNS_SERVER_SET || op == DNSPROXY_DNS_SERVER_DEL))
+        return DNSPROXY_ENOTFOUND;
+    const auto put_entry = [&](const auto &entry) {
+        trailing->append(reinterpret_cast<const char *>(&entry), sizeof entry);
+        m->count++;
+    };
+    switch (op) {
+    case DNSPROXY_DNS_SERVER_GET:
+        m->dnsFlag = m->dns2Flag = 1;
+        m->dns = line->dnsServer[0], m->dns2 = line->dnsServer[1];
+        m->dns6 = line->dnsServer6[0], m->dns6_2 = line->dnsServer6[1];
+        return 0;
+    case DNSPROXY_DNS_SERVER_SET:
+        for (const auto &[slot, flag, server, server6] :
+             {std::tuple(0, m->dnsFlag, m->dns, m->dns6), {1, m->dns2Flag, m->dns2, m->dns6_2}}) {
+            if (flag != 0 && m->noV4 != 1 && server != 0)
+                line->dnsServer[slot] = server;
+            if (flag != 0 && m->noV6 != 1)
+                line->dnsServer6[slot] = server6;
+        }
+        return 0;
+    case DNSPROXY_DNS_SERVER_ADD: {
+        if (m->dnsFlag == 0 || m->dns2Flag == 0)
+            return DNSPROXY_EINVALID;
+        if (device != "lo") {
+            dnsproxy_server_if added = {};
+            strcpy(added.ifname, device.c_str());
+            added.serverFd = added.serverFd6 = -1;
+            if (m->noV4 != 1)
+                added.dnsServer[0] = m->dns, added.dnsServer[1] = m->dns2;
+            dnsproxy_server_if *to = line != nullptr ? line : &added;
+            if (m->noV6 != 1) {
+                to->dnsServer6[0] = m->dns6, to->dnsServer6[1] = m->dns6_2;
+                to->serverFd6 = -1;
+            }
+            if (line != nullptr)
+                return DNSPROXY_EEXISTS;
+            lines.push_back(added);
+        }
+        read_online_state();
+        return 0;
+    }
+    case DNSPROXY_DNS_SERVER_DEL:
+        lines.erase(lines.begin() + (line - lines.data()));
+        return 0;
+    case DNSPROXY_DNS_SERVER_GETADDRS:
+    case DNSPROXY_DNS_SERVER_GETIFS:
+        m->count = 0;
+        for (const auto &each : lines) {
+            if (op == DNSPROXY_DNS_SERVER_GETADDRS) {
+                for (const uint64_t server : each.dnsServer) {
+                    if (server != 0)
+                        put_entry(server);
+                }
+            } else if (each.dnsServer[0] != 0 || each.dnsServer[1] != 0) {
+                dnsproxy_public_if entry = {
+                    .ifname = {}, .dns = each.dnsServer[0], .dns2 = each.dnsServer[1]};
+                strcpy(entry.ifname, each.ifname);
+                put_entry(entry);
+            }
+        }
+        // Room for every line, whether it has servers or not.
+        m->dataLen = lines.size() *
+                     (op == DNSPROXY_DNS_SERVER_GETIFS ? sizeof(dnsproxy_public_if) : 2 * sizeof(uint64_t));
+        trailing->resize(m->dataLen);
+        return 0;
+    case DNSPROXY_DNS_SERVER_DELALL:
+        std::erase_if(lines, [](const auto &each) { return !std::string(each.ifname).starts_with("pt-"); });
+        return 0;
+    default:
+        return DNSPROXY_EINVALID;
     }
 }

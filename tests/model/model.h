@@ -44,20 +44,26 @@ struct model {
     int silent = 0;          // expiries without an accepted reply in between
     int reports = 0;
     bool report_armed = true;
+    bool all_down = false; // at the latest change of a link state
 
     // Of the step in hand.
     std::vector<sending> sendings;
     std::string forced_line; // "": the query may leave by any line
+    std::vector<std::string> pipe_replies;
 
     void query(const datagram &d);
     void reply(const datagram &d, bool v6);
     void let_expire();
+    void request(const std::string &bytes);
+    void read_online_state();
+    bool set_link(const std::string &line, bool down); // false: there is no such line
 
     dnsproxy_server_if *find_line(const std::string &name);
     [[nodiscard]] std::vector<record> of_family(bool v6) const;
 
 private:
     struct question;
+    int carry_out(dnsproxy_public_msg *m, std::string *trailing);
     record *newest(bool v6, const auto &fits); // of a family; nullptr: none fits
     void go_forced(question q, const char *out_ifname);
     void go_free(question q, bool polling);
