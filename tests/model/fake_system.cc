@@ -481,6 +481,8 @@ ptrdiff_t qxcom_nmpipe_read(int fd, void *buffer, size_t length)
 
 ptrdiff_t qxcom_nmpipe_write(int, const void *buffer, size_t length)
 {
+    if (sys.faults.full_pipe)
+        return -1;
     sys.pipe_replies.emplace_back(static_cast<const char *>(buffer), length);
     return static_cast<ptrdiff_t>(length);
 }

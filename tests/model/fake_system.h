@@ -27,7 +27,8 @@ uint64_t times_met(const char *what);
 // Calls that failed.
 constexpr char fault_socket[] = "no socket", fault_number[] = "descriptor too high",
                fault_dead[] = "send on a dead socket", fault_upstream[] = "send to a server failed",
-               fault_host[] = "send to a host failed", fault_memory[] = "no memory";
+               fault_host[] = "send to a host failed", fault_memory[] = "no memory",
+               fault_pipe[] = "reply pipe full";
 
 struct device {
     std::string name;
@@ -75,6 +76,7 @@ struct system_faults {
     bool upstream_unreachable; // tied sockets cannot send
     bool hosts_unreachable;    // other sockets cannot send
     bool no_memory;
+    bool full_pipe; // a reply pipe takes nothing
 };
 
 struct fake_system {

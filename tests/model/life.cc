@@ -142,6 +142,7 @@ void check_lines()
     must(sys.allocation_failed || expected.all_down == (dnsproxy_data.allServerIfDown == 1),
          "the daemon knows when no line is up");
     if (sys.allocation_failed) {
+        expected.has_list = dnsproxy_data.ifNameIndex != nullptr;
         expected.all_down = dnsproxy_data.allServerIfDown == 1;
         return;
     }
@@ -217,6 +218,8 @@ void received(int fd, const datagram &d)
         expected.reply(d, file.family == AF_INET6);
     else if (file.kind == open_file::REQUEST_PIPE)
         expected.request(d.bytes);
+    else if (fd == dnsproxy_data.intfFd)
+        expected.netlink(d.bytes);
 }
 
 // The alarm goes off in time for the first of the timers that somebody owns, and is set for nothing else: a
@@ -265,6 +268,8 @@ int wait(epoll_event *ready, int limit_ms)
         ready[count++].data.fd = fd;
     }
     expected.let_expire();
+    if (!expected.has_list)
+        expected.list_devices();
     return count;
 }
 
@@ -347,6 +352,7 @@ void live(uint16_t first_id, int log_level, const std::function<bool()> &events)
     sys.received = received;
     start(first_id, log_level);
     expected.next_id = first_id;
+    expected.list_devices();
     script = &events;
     phase = RUNNING;
     waiting_before = 0;

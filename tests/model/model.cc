@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <sstream>
 #include <tuple>
 
@@ -51,15 +53,15 @@ bool use_socket(dnsproxy_server_if *line, bool v6)
 }
 
 // The device that a query came in on. IPv4 goes by the daemon's own list, IPv6 by the kernel's.
-std::string arrival_device(const datagram &d)
+std::string arrival_device(const datagram &d, const std::vector<device> &known_to_daemon)
 {
     const int index = d.told == arrival::told ? d.ifindex : 0;
     const device *known = sys.find_device(index);
     if (d.from.v6)
         return known == nullptr ? "" : known->name;
-    for (const auto *i = dnsproxy_data.ifNameIndex; i != nullptr && i->if_index != 0; i++) {
-        if (static_cast<int>(i->if_index) == index)
-            return strncmp(i->if_name, "ppp", 3) == 0 ? dnsproxy_data.pppoesIfname : i->if_name;
+    for (const device &each : known_to_daemon) {
+        if (each.index == index)
+            return each.name.starts_with("ppp") ? dnsproxy_data.pppoesIfname : each.name;
     }
     return "";
 }
@@ -115,7 +117,7 @@ struct model::question {
 
 void model::query(const datagram &d)
 {
-    const std::string name = arrival_device(d);
+    const std::string name = arrival_device(d, devices);
     const auto *rule = ipcom_first<dnsproxy_listen_if>(dnsproxy_data.listenIfList);
     while (rule != nullptr && rule->ifname_receive != name)
         rule = ipcom_next(rule);
@@ -289,6 +291,27 @@ void model::read_online_state()
     }
 }
 
+void model::list_devices()
+{
+    has_list = !sys.faults.no_memory;
+    devices = sys.devices;
+    std::erase_if(devices, [this](const device &d) { return !d.present || !has_list; });
+}
+
+// The kernel's own macros say what a batch holds.
+void model::netlink(std::string batch)
+{
+    batch.resize(std::min(batch.size(), size_t{4096})); // of one receive
+    auto left = static_cast<unsigned>(batch.size());
+    for (auto *m = reinterpret_cast<nlmsghdr *>(batch.data()); NLMSG_OK(m, left); m = NLMSG_NEXT(m, left)) {
+        if (m->nlmsg_type == RTM_NEWLINK || m->nlmsg_type == RTM_DELLINK) {
+            return list_devices();
+        }
+        if (NLMSG_ALIGN(m->nlmsg_len) > left)
+            return; // the macros would count below zero
+    }
+}
+
 // A message of the right length is carried out, and answered where its pipe can be opened; lines that are
 // gone have no sockets.
 void model::request(const std::string &bytes)
@@ -301,6 +324,8 @@ void model::request(const std::string &bytes)
     m.result = carry_out(&m, &trailing);
     if (strncmp(m.pipeName, reply_pipe, sizeof m.pipeName) != 0)
         return;
+    if (sys.faults.full_pipe)
+        return met(fault_pipe);
     pipe_replies.emplace_back(reinterpret_cast<const char *>(&m), sizeof m);
     if (!trailing.empty())
         pipe_replies.push_back(trailing);

@@ -44,7 +44,9 @@ struct model {
     int silent = 0;          // expiries without an accepted reply in between
     int reports = 0;
     bool report_armed = true;
-    bool all_down = false; // at the latest change of a link state
+    bool all_down = false;       // at the latest change of a link state
+    bool has_list = false;       // of the devices; without memory it is made at the next pass
+    std::vector<device> devices; // that it holds: those when the kernel told of a link last
 
     // Of the step in hand.
     std::vector<sending> sendings;
@@ -55,6 +57,8 @@ struct model {
     void reply(const datagram &d, bool v6);
     void let_expire();
     void request(const std::string &bytes);
+    void netlink(std::string batch);
+    void list_devices();
     void read_online_state();
     bool set_link(const std::string &line, bool down); // false: there is no such line
 

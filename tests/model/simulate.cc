@@ -23,7 +23,7 @@
 
 #include "tests/model/life.h"
 #include "tests/model/model.h"
-#include "tests/support/sandbox.h"
+#include "tests/model/sandbox.h"
 
 namespace {
 
@@ -63,6 +63,7 @@ constexpr const char *kinds[] = {"query, IPv4",
                                  fault_upstream,
                                  fault_host,
                                  fault_memory,
+                                 fault_pipe,
                                  "record expired unanswered",
                                  "record expired answered",
                                  "silence reported",
@@ -314,8 +315,8 @@ private:
             return "a netlink message that is none";
         }
         if (kind < 988) {
-            const uint64_t which = d->below(5);
-            sys.faults = {which == 0, which == 1, which == 2, which == 3, which == 4};
+            const uint64_t which = d->below(6);
+            sys.faults = {which == 0, which == 1, which == 2, which == 3, which == 4, which == 5};
             later(d->between(0, 20 * s), [] { sys.faults = {}; });
             return "calls of kind " + std::to_string(which) + " fail for seconds";
         }

@@ -10,7 +10,7 @@
 #include "core/log.h"
 #include "tests/model/life.h"
 #include "tests/model/model.h"
-#include "tests/support/sandbox.h"
+#include "tests/model/sandbox.h"
 
 namespace {
 
@@ -128,6 +128,8 @@ constexpr scene scenes[] = {
     {"GETADDRS, and a dump", [](bool) { ask_op(7, "loopback"); }, false},
     {"GETIFS", [](bool) { ask_op(8, "loopback"); }, false},
     {"GETIFS without memory", [](bool) { sys.faults.no_memory = true, ask_op(8, "loopback"); }, false},
+    {"a reply pipe that is full", [](bool) { sys.faults = {.full_pipe = true}, ask_op(8, "loopback"); },
+     false},
     {"no operation", [](bool) { sys.faults = {}, ask_op(0, "loopback"); }, false},
     {"an unknown operation", [](bool) { ask_op(10, "loopback"); }, false},
     {"a name that is not mapped", [](bool) { ask_op(1, "nothing"); }, false},

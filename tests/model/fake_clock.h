@@ -1,6 +1,6 @@
 // A clock for the timer service that moves only when the test says so.
-#ifndef TESTS_SUPPORT_FAKE_CLOCK_H
-#define TESTS_SUPPORT_FAKE_CLOCK_H
+#ifndef TESTS_FAKE_CLOCK_H
+#define TESTS_FAKE_CLOCK_H
 
 #include <cstdint>
 

@@ -7,7 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "tests/support/fake_clock.h"
+#include "tests/model/fake_clock.h"
 
 namespace {
 

@@ -25,7 +25,7 @@
 #include <unistd.h>
 
 #include "core/platform/qxcom_nmpipe.h"
-#include "tests/support/sandbox.h"
+#include "tests/model/sandbox.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;

@@ -10,7 +10,7 @@ extern "C" {
 #include <vector>
 
 #include "blob_buf.h"
-#include "tests/support/hex.h"
+#include "tests/unit/hex.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The daemon's state as start-up builds it, for tests in its own process: empty tables, a clock that the test
 // moves. Tests run in a sandbox of their own, so the fixed paths and port 53 are theirs.
-#ifndef TESTS_SUPPORT_DAEMON_STATE_H
-#define TESTS_SUPPORT_DAEMON_STATE_H
+#ifndef TESTS_DAEMON_STATE_H
+#define TESTS_DAEMON_STATE_H
 
 #include <arpa/inet.h>
 #include <fstream>
@@ -13,7 +13,7 @@
 #include "core/start.h"
 #include "iface/listen_if.h"
 #include "iface/server_if.h"
-#include "tests/support/fake_clock.h"
+#include "tests/model/fake_clock.h"
 
 class daemon_state : public testing::Test {
 protected:

@@ -20,7 +20,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "tests/support/hex.h"
+#include "tests/unit/hex.h"
 
 namespace {
 

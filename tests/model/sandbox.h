@@ -1,6 +1,6 @@
 // Tests that use the daemon's fixed paths run in the sandbox of lab/enter, where these are private.
-#ifndef TESTS_SUPPORT_SANDBOX_H
-#define TESTS_SUPPORT_SANDBOX_H
+#ifndef TESTS_SANDBOX_H
+#define TESTS_SANDBOX_H
 
 #include <cstdlib>
 #include <fstream>

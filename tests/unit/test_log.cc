@@ -7,7 +7,7 @@
 #include <string>
 #include <unistd.h>
 
-#include "tests/support/log_capture.h"
+#include "tests/unit/log_capture.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-// Every call that can fail, failing once: the first time that it is made, the second time, and so on.
-// Start-up must end, stay or serve as it should, and a daemon that serves must be whole again with the next
-// query.
+// The daemon's start with every call that can fail, failing once: the first time that it is made, the second
+// time, and so on. It must end, stay without serving, or serve.
 
 #include <cerrno>
-#include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
 #include <net/if.h>
 #include <string>
 #include <sys/epoll.h>
@@ -13,17 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "config/online_state.h"
-#include "control/public_api.h"
-#include "core/event_loop.h"
-#include "core/platform/qxcom_nmpipe.h"
-#include "iface/if_show.h"
-#include "net/intf_monitor.h"
-#include "net/proxy_socket.h"
-#include "net/request.h"
-#include "tests/support/daemon_state.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/sandbox.h"
+#include "core/dnsproxy_data.h"
+#include "core/log.h"
+#include "core/start.h"
+#include "tests/model/sandbox.h"
 
 namespace {
 
@@ -62,7 +55,6 @@ enum outcome { SERVES = 10, SERVES_UNTOUCHED, STAYS, ENDS };
         return fails(#name) ? failure : __real_##name arguments;                                             \
     }
 
-FAILING(void *, malloc, nullptr, (size_t size), (size))
 FAILING(void *, calloc, nullptr, (size_t count, size_t size), (count, size))
 FAILING(int, socket, -1, (int family, int type, int protocol), (family, type, protocol))
 FAILING(int, epoll_create1, -1, (int flags), (flags))
@@ -77,25 +69,15 @@ FAILING(FILE *, fopen, nullptr, (const char *path, const char *mode), (path, mod
 FAILING(FILE *, open_memstream, nullptr, (char **text, size_t *length), (text, length))
 FAILING(int, mkdir, -1, (const char *path, mode_t mode), (path, mode))
 FAILING(int, mkfifoat, -1, (int folder, const char *name, mode_t mode), (folder, name, mode))
-FAILING(ssize_t, sendto, -1,
-        (int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length),
-        (fd, data, size, flags, to, length))
-FAILING(ssize_t, recvmsg, -1, (int fd, msghdr *message, int flags), (fd, message, flags))
 // ipcom_hash_add: a table that can't grow.
 FAILING(int, _Z14ipcom_hash_addP10ipcom_hashPv, -1, (void *table, void *record), (table, record))
 FAILING(ssize_t, getrandom, -1, (void *data, size_t size, unsigned flags), (data, size, flags))
 
-// Those on standard output are the log's.
+// That of standard output is the log's.
 extern "C" int __real_fstat(int fd, struct stat *status);
 extern "C" int __wrap_fstat(int fd, struct stat *status)
 {
     return fd != STDOUT_FILENO && fails("fstat") ? -1 : __real_fstat(fd, status);
-}
-
-extern "C" ssize_t __real_write(int fd, const void *data, size_t size);
-extern "C" ssize_t __wrap_write(int fd, const void *data, size_t size)
-{
-    return fd != STDOUT_FILENO && fails("write") ? -1 : __real_write(fd, data, size);
 }
 
 extern "C" int __real_openat(int folder, const char *name, int flags, ...);
@@ -206,151 +188,6 @@ TEST(start, ends_stays_or_serves_when_a_call_fails)
                 outcomes += letter;
         }
         EXPECT_EQ(outcomes, row.outcomes) << row.call;
-    }
-}
-
-// A daemon that serves the loopback, with a line that takes what is sent and answers nothing.
-class at_work : public daemon_state {
-protected:
-    at_work()
-    {
-        EXPECT_EQ(
-            system("ip link add wan1 type bridge && ip link set wan1 up && "
-                   "ip address add 10.0.1.1/24 dev wan1 && ip address add fd00:a:1::1/64 dev wan1 nodad"),
-            0);
-        signal(SIGPIPE, SIG_IGN);
-        EXPECT_GE(dnsproxy_pipe_init(), 0);
-        EXPECT_EQ(dnsproxy_listen_socket_open(), 0);
-        EXPECT_EQ(dnsproxy_intf_socket_open(), 0);
-        host_ = socket(AF_INET, SOCK_DGRAM, 0);
-        host6_ = socket(AF_INET6, SOCK_DGRAM, 0);
-        EXPECT_EQ(qxcom_nmpipe_create("replies", 64, sizeof(dnsproxy_public_msg)), 0);
-    }
-    ~at_work() override
-    {
-        for (const int fd :
-             {host_, host6_, dnsproxy_data.listenFd, dnsproxy_data.listenFd6, dnsproxy_data.intfFd})
-            close(fd);
-        if (dnsproxy_data.ifNameIndex != nullptr)
-            if_freenameindex(dnsproxy_data.ifNameIndex);
-        qxcom_nmpipe_delete("replies");
-        EXPECT_EQ(system("ip link delete wan1"), 0);
-    }
-
-    void ask()
-    {
-        std::string query(12, '\0');
-        const uint16_t id = id_++;
-        memcpy(query.data(), &id, sizeof id);
-        sockaddr_in to = {.sin_family = AF_INET,
-                          .sin_port = htons(53),
-                          .sin_addr = {htonl(INADDR_LOOPBACK)},
-                          .sin_zero = {}};
-        sockaddr_in6 to6 = {};
-        to6.sin6_family = AF_INET6;
-        to6.sin6_port = htons(53);
-        to6.sin6_addr = in6addr_loopback;
-        (void)__real_sendto(host_, query.data(), query.size(), 0, reinterpret_cast<sockaddr *>(&to),
-                            sizeof to);
-        (void)dnsproxy_listen_socket_recv();
-        (void)__real_sendto(host6_, query.data(), query.size(), 0, reinterpret_cast<sockaddr *>(&to6),
-                            sizeof to6);
-        (void)dnsproxy_listen_socket_recv_v6();
-    }
-
-    // One request, as the event loop serves it.
-    static int request(uint32_t op, const char *ifname = "wan1")
-    {
-        dnsproxy_public_msg msg = {};
-        msg.op = op;
-        strcpy(msg.ifname, ifname);
-        strcpy(msg.pipeName, "replies");
-        msg.dnsFlag = msg.dns2Flag = 1;
-        msg.dns = inet_addr("10.0.1.53");
-        msg.dns6 = address6("fd00:a:1::53");
-        return dnsproxy_public_read(&msg);
-    }
-
-    // Everything that a daemon does, from a table without lines to a table without lines.
-    void day()
-    {
-        (void)dnsproxy_listen_if_new("lo", 0, nullptr, 0);
-        (void)request(DNSPROXY_DNS_SERVER_ADD);
-        ask();
-        (void)dnsproxy_listen_if_set("lo", 1, "wan1");
-        ask();
-        for (const uint32_t op : {DNSPROXY_DNS_SERVER_GET, DNSPROXY_DNS_SERVER_SET,
-                                  DNSPROXY_DNS_SERVER_GETADDRS, DNSPROXY_DNS_SERVER_GETIFS})
-            (void)request(op);
-        dnsproxy_cache_show();
-        in_flight_[0] = dnsproxy_data.cacheList.size;
-        in_flight_[1] = dnsproxy_data.cacheList6.size;
-        pass_time_ms(10000);
-        pass_time_ms(60000);
-        (void)request(DNSPROXY_DNS_SERVER_DEL);
-        (void)dnsproxy_listen_if_destroy("lo");
-        drain();
-    }
-
-    // False: the call was not made so often. Every line of the log is put together.
-    bool day_with_failure(const std::string &call, int left)
-    {
-        // No timer is armed here and no query in flight: new ones have yet to get all their memory.
-        dnsproxy_data_deinit();
-        EXPECT_EQ(dnsproxy_data_init(), 0);
-        dnsproxy_cache_deinit();
-        EXPECT_EQ(dnsproxy_cache_init(), 0);
-        dnsproxy_cache_deinit_v6();
-        EXPECT_EQ(dnsproxy_cache_init_v6(), 0);
-        const log_capture capture;
-        fail_after(call, left);
-        day();
-        fault.left = -1;
-        return fault.hit;
-    }
-
-    static void drain()
-    {
-        char bytes[4096];
-        const int fd = open("/var/run/nmpipe/replies", O_RDONLY | O_NONBLOCK);
-        while (read(fd, bytes, sizeof bytes) > 0) {
-        }
-        close(fd);
-    }
-
-    static std::ptrdiff_t descriptors()
-    {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    }
-
-    int host_ = -1, host6_ = -1;
-    int in_flight_[2] = {};
-    uint16_t id_ = 1;
-};
-
-TEST_F(at_work, is_whole_again_after_a_call_that_failed)
-{
-    write_files();
-    day();
-    const auto open_before = descriptors();
-    for (const std::string call :
-         {"calloc", "malloc", "socket", "setsockopt", "popen", "fopen", "open_memstream", "openat", "fstat",
-          "sendto", "recvmsg", "write", "_Z14ipcom_hash_addP10ipcom_hashPv"}) {
-        int left = 0;
-        for (; left < 500 && day_with_failure(call, left); left++) {
-            // What was left behind by a failure goes as everything does; nobody has to clear it up.
-            (void)request(DNSPROXY_DNS_SERVER_DEL);
-            (void)dnsproxy_listen_if_destroy("lo");
-            for (int i = 0; i < 9; i++)
-                ask();
-            pass_time_ms(10000);
-            drain();
-            EXPECT_EQ(descriptors(), open_before) << call << " " << left;
-            day();
-            EXPECT_EQ(in_flight_[0], 2) << call << " " << left;
-            EXPECT_EQ(in_flight_[1], 3) << call << " " << left << ", the router's own query among them";
-        }
-        EXPECT_GT(left, 0) << call << " is never made";
     }
 }
 

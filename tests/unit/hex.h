@@ -1,6 +1,6 @@
 // Bytes as text: groups of two hexadecimal digits; blanks are for the reader.
-#ifndef TESTS_SUPPORT_HEX_H
-#define TESTS_SUPPORT_HEX_H
+#ifndef TESTS_HEX_H
+#define TESTS_HEX_H
 
 #include <cstdint>
 #include <string>

@@ -18,7 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "tests/support/sandbox.h"
+#include "tests/model/sandbox.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;

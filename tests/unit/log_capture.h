@@ -1,6 +1,6 @@
 // Collects what the daemon's code writes to standard output, with the log at a chosen level.
-#ifndef TESTS_SUPPORT_LOG_CAPTURE_H
-#define TESTS_SUPPORT_LOG_CAPTURE_H
+#ifndef TESTS_LOG_CAPTURE_H
+#define TESTS_LOG_CAPTURE_H
 
 #include <gtest/gtest.h>
 #include <string>
