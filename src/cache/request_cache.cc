@@ -157,7 +157,6 @@ template <class C> int init()
 template <class C> void deinit()
 {
     delete_tables<C>();
-    record_arena_clear(&memory<C>);
     DNSPROXY_LOG(TRACE, C::op_deinit, 0, "%s", "");
 }
 

@@ -98,19 +98,15 @@ template <class F> bool send_to(query<F> *q, dnsproxy_server_if *sif, int slot, 
     return true;
 }
 
-// The walk of one query over the lines. *only_down becomes true when it found no line to use and passed over
-// one that is down.
-template <class F> int walk_lines(query<F> *q, typename F::slot_check check, bool polling, bool *only_down)
+// The walk of one query over the lines.
+template <class F> int walk_lines(query<F> *q, typename F::slot_check check, bool polling)
 {
     int status = 0;
-    bool passed_over = false;
-    *only_down = false;
     for (auto *sif = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList); sif != nullptr;
          sif = ipcom_next(sif)) {
         if (F::heeds_link_state && !polling && server_if_is_down(sif)) {
             DNSPROXY_LOG(DEBUG, F::op, 0, "iface:%s is_down:%d polling:%d", sif->ifname,
                          static_cast<int>(server_if_link_state(sif)), 0);
-            passed_over = true;
             continue;
         }
         bool used = false;
@@ -128,7 +124,6 @@ template <class F> int walk_lines(query<F> *q, typename F::slot_check check, boo
             return status;
         }
     }
-    *only_down = passed_over;
     return status;
 }
 
@@ -145,12 +140,7 @@ int choose(typename F::slot_check check, int len, uint8_t *buf, const typename F
                   .identified = false,
                   .recorded = false};
     const bool all_down = F::heeds_link_state && server_if_all_down();
-    bool only_down = false;
-    int status = walk_lines(&q, check, all_down || polling != 0, &only_down);
-    // The bus thread may have been changing link states under the walk, which then saw a line go down and not
-    // yet that it was the last one, or that another came up. When it has finished, the walk sees all of it.
-    if (only_down)
-        status = walk_lines(&q, check, server_if_all_down_now(), &only_down);
+    const int status = walk_lines(&q, check, all_down || polling != 0);
     dns_set_id(buf, q.id);
     DNSPROXY_RETURN(F::op, status);
 }

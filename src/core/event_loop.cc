@@ -161,6 +161,7 @@ int dnsproxyd()
         DNSPROXY_LOG(ERROR, op, status, "dnsproxyd error.");
         if (dnsproxy_data.listenFd > 0)
             (void)close(dnsproxy_data.listenFd);
+        dnsproxy_data.listenFd = -1;
         qxcom_nmpipe_close(l.publicFd);
         free(l.publicMsgBuf);
         return status;

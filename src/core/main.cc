@@ -9,11 +9,12 @@
 #include "core/start.h"
 
 // Standard descriptors that the parent closed would be given to sockets, and 0 counts as a closed socket.
+// They stay open in children: a mapping command would write its errors into the next file that it opens.
 static void open_standard_descriptors()
 {
     int fd = 0;
     do
-        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+        fd = open("/dev/null", O_RDWR);
     while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0)
         (void)close(fd);

@@ -227,12 +227,6 @@ void dnsproxy_server_if_make_last(dnsproxy_server_if *sif)
     ipcom_list_insert_before(&dnsproxy_data.serverIfList, &sif->link);
 }
 
-bool server_if_all_down_now()
-{
-    const mutex_guard lock(&dnsproxy_data.serverIfLock);
-    return server_if_all_down();
-}
-
 void dnsproxy_server_if_close(int32_t *fd, ipcom_tmo2 *idle_timer)
 {
     if (*fd > 0) {

@@ -82,9 +82,6 @@ inline bool server_if_all_down()
     return __atomic_load_n(&dnsproxy_data.allServerIfDown, __ATOMIC_RELAXED) == 1;
 }
 
-// The latter once a change in progress is complete.
-bool server_if_all_down_now();
-
 // Closes one upstream socket and its idle timer, if the socket is open: the descriptor is then -1.
 void dnsproxy_server_if_close(int32_t *fd, ipcom_tmo2 *idle_timer);
 

@@ -231,9 +231,7 @@ void check_wake(int limit_ms)
     int64_t wake = INT64_MAX;
     for (const ipcom_tmo2 &t : timers) {
         must(t.deadline > ipcom_tmo2_clock(), "what is due has run");
-        const bool of_record =
-            t.callback == dnsproxy_entry_timeout || t.callback == dnsproxy_entry_timeout_v6;
-        wake = std::min(wake, t.deadline + (of_record ? record_life_ns : socket_life_ns) / 32);
+        wake = std::min(wake, t.deadline + lateness_ns);
     }
     must(limit_ms == -1, "the daemon waits for descriptors and the alarm");
     must(sys.alarm_at <= wake, "the daemon wakes for the first timer");

@@ -150,4 +150,23 @@ TEST_F(tables, a_record_that_expires_hands_the_cache_server_over)
     }
 }
 
+TEST_F(tables, records_and_timers_outlive_their_tables)
+{
+    const sockaddr_in6 client = address6("fd00::7");
+    ASSERT_GE(dnsproxy_add_entry(7, 1000, 7, 100, "wan1", 1), 0);
+    ASSERT_GE(dnsproxy_add_entry_v6(0, &client, 1000, 7, 101, "wan1", 1), 0);
+    auto *entry = ipcom_first<dnsproxy_cache_entry>(dnsproxy_data.cacheList);
+    auto *entry6 = ipcom_first<dnsproxy_cache_entry_v6>(dnsproxy_data.cacheList6);
+    dnsproxy_cache_deinit();
+    dnsproxy_cache_deinit_v6();
+    EXPECT_EQ(entry->new_id, 100);
+    EXPECT_EQ(entry6->new_id, 101);
+    for (ipcom_tmo2 *timer : {&entry->tmo, &entry6->tmo}) {
+        EXPECT_NE(timer->queue, nullptr);
+        ipcom_tmo2_cancel(timer);
+    }
+    EXPECT_EQ(dnsproxy_cache_init(), 0);
+    EXPECT_EQ(dnsproxy_cache_init_v6(), 0);
+}
+
 } // namespace

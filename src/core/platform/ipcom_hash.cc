@@ -108,7 +108,7 @@ int make_room(bucket *b)
     return drawn | 1; // 0 means not drawn yet
 }
 
-uint32_t secret;
+uint32_t secret; // drawn with the first table, only read afterwards
 
 // Of a known length: a fraction of the general form. Kept apart, as they would slow the shortest fields down.
 [[gnu::noinline]] uint32_t hash_of_16_bytes(const void *bytes, uint32_t seed)
@@ -160,6 +160,8 @@ ipcom_hash *ipcom_hash_new_fixed(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, i
 {
     if (buckets < 1)
         return nullptr;
+    if (secret == 0)
+        secret = draw_secret();
     const auto size = static_cast<uint32_t>(buckets);
     auto *table = static_cast<ipcom_hash *>(calloc(1, sizeof(ipcom_hash) + size * sizeof(bucket)));
     if (table == nullptr)
@@ -173,8 +175,6 @@ ipcom_hash *ipcom_hash_new_fixed(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, i
 
 uint32_t ipcom_hash_update(const void *bytes, uint32_t length, uint32_t initial)
 {
-    if (secret == 0) [[unlikely]]
-        secret = draw_secret();
     const uint32_t seed = initial ^ secret;
     switch (length) {
     case sizeof(uint16_t): {

@@ -16,16 +16,17 @@ using ipcom_hash_key_fn = uint32_t (*)(const void *key);                // hash 
 using ipcom_hash_cmp_fn = int (*)(const void *record, const void *key); // nonzero: the record matches
 using ipcom_hash_each_fn = int (*)(void *record, void *data);           // result not looked at
 
-// A table with a number of buckets fit for a few hundred records; nullptr without memory.
+// A table with a number of buckets fit for a few hundred records; nullptr without memory. The first table of
+// the process must be made before other threads hash.
 ipcom_hash *ipcom_hash_new(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, ipcom_hash_cmp_fn cmp);
 
 // A table with exactly `buckets` buckets; nullptr without memory or for a count below 1.
 ipcom_hash *ipcom_hash_new_fixed(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, ipcom_hash_cmp_fn cmp,
                                  int32_t buckets);
 
-// Hash of `length` bytes mixed into `initial`, to be chained over the fields of a key. It is keyed with a
-// secret drawn once per process, so that nobody outside can aim many keys at one bucket; the same bytes
-// give the same value for the life of the process only.
+// Hash of `length` bytes mixed into `initial`, to be chained over the fields of a key. Any thread. It is
+// keyed with a secret that the process draws with its first table, so that nobody outside can aim many keys
+// at one bucket; the same bytes give the same value from then on, for the life of the process only.
 //
 // A field of two bytes, a port or an identifier, is added to the mixed value of what came before instead of
 // being mixed itself: consecutive identifiers fall into neighbouring buckets, and queries that come and go

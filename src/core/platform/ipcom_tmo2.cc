@@ -13,6 +13,7 @@ constexpr int64_t ns_per_ms = 1'000'000;
 constexpr int64_t ns_per_s = 1'000'000'000;
 constexpr int64_t longest_ms = int64_t{1} << 42; // 139 years; keeps every sum in range
 constexpr int64_t lateness_divisor = 32;
+constexpr int64_t lateness_max = 100 * ns_per_ms;
 constexpr int64_t never = INT64_MAX;
 
 int64_t monotonic_clock()
@@ -34,8 +35,8 @@ struct ipcom_tmo2_queue {
     ipcom_tmo2 ends;
 };
 
-// The alarm wakes a wait for the timers. Each wait would need it for another time, but to set it is dear: it
-// is left where it is while it goes off early enough, and what is due by then has mostly run already.
+// The alarm wakes a wait for the timers. Setting it is a system call, so it is moved only when it would go
+// off too late. By the time it goes off, traffic has mostly run what was due.
 struct ipcom_tmo2_head {
     ipcom_tmo2_queue *queues;
     int64_t alarm_at; // `never`: it is not set; else it has yet to end a wait
@@ -92,7 +93,7 @@ static schedule schedule_of(const ipcom_tmo2_head *head)
             continue;
         const int64_t deadline = queue->ends.next->deadline;
         s.due = std::min(s.due, deadline);
-        s.wake = std::min(s.wake, deadline + queue->length / lateness_divisor);
+        s.wake = std::min(s.wake, deadline + std::min(queue->length / lateness_divisor, lateness_max));
     }
     return s;
 }

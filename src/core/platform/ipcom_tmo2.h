@@ -7,10 +7,10 @@
 // Waits have very few distinct lengths, so there is one queue per length, in which deadlines are in order
 // by themselves: request, cancel and expiry cost the same with a million timers armed.
 //
-// Times are milliseconds of CLOCK_MONOTONIC. A wait is never shorter than asked. It may be longer: when
-// nothing else wakes the process, an expiry waits up to a 32nd of its length (0.3 s for 10 s), so that under
-// load expiries ride on the wake-ups of the traffic instead of causing their own. They run before the
-// descriptors that woke the process are served: nobody who asks sees one that is late.
+// Times are milliseconds of CLOCK_MONOTONIC. A wait is never shorter than asked. While nothing else wakes the
+// process, an expiry may be late by a 32nd of its length, and by 100 ms at most: under load, expiries run
+// with the wake-ups of the traffic instead of causing their own. Callbacks run before the descriptors that
+// woke the process are served, so no handler sees a timer that is overdue.
 #ifndef CORE_PLATFORM_IPCOM_TMO2_H
 #define CORE_PLATFORM_IPCOM_TMO2_H
 

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -16,7 +18,8 @@ namespace {
 constexpr char folder[] = "/var/run/nmpipe";
 constexpr size_t name_max = 99;
 
-// A pipe that this process made: the descriptor that keeps its messages alive until it is deleted.
+// A pipe that this process made: the descriptor that keeps its messages alive until it is deleted, and holds
+// the lock that tells other processes of it.
 struct held_pipe {
     held_pipe *next;
     int fd;
@@ -93,19 +96,20 @@ void hold(held_pipe *entry, const char *name, int fd)
     held = entry;
 }
 
-void let_go(const char *name)
+// Takes the pipe out of those that are held: its descriptor, or -1 when this process does not hold it.
+int let_go(const char *name)
 {
     const mutex_guard lock(&held_lock);
-    for (held_pipe **link = &held; *link != nullptr;) {
+    for (held_pipe **link = &held; *link != nullptr; link = &(*link)->next) {
         held_pipe *entry = *link;
-        if (strcmp(entry->name, name) != 0) {
-            link = &entry->next;
-            continue;
+        if (strcmp(entry->name, name) == 0) {
+            *link = entry->next;
+            const int fd = entry->fd;
+            free(entry);
+            return fd;
         }
-        *link = entry->next;
-        (void)close(entry->fd);
-        free(entry);
     }
+    return -1;
 }
 
 // One message of up to NMPIPE_MESSAGE_MAX bytes; its whole length, of which `length` bytes are stored.
@@ -128,6 +132,45 @@ ptrdiff_t read_message(int fd, char *buffer, size_t length)
     return got;
 }
 
+// Whether the open FIFO is still the one of that name.
+bool is_named(int fd, int folder_fd, const char *name)
+{
+    struct stat opened = {};
+    struct stat named = {};
+    return fstat(fd, &opened) == 0 && fstatat(folder_fd, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+// The FIFO of that name, locked as its creator's; -1 with EWOULDBLOCK when a live process holds it. The lock
+// goes with the last descriptor, so that of a killed process is free.
+int lock_fifo(int folder_fd, const char *name)
+{
+    descriptor fd(open_fifo(folder_fd, name, O_RDWR));
+    if (fd.get() < 0 || flock(fd.get(), LOCK_EX | LOCK_NB) != 0)
+        return -1;
+    // Its creator may have deleted it, and another made it anew, between the opening and the lock.
+    if (!is_named(fd.get(), folder_fd, name)) {
+        errno = EWOULDBLOCK;
+        return -1;
+    }
+    return fd.release();
+}
+
+int take(int folder_fd, const char *name, int capacity)
+{
+    descriptor fd(lock_fifo(folder_fd, name));
+    if (fd.get() < 0)
+        return -1;
+    // A message takes a slot, which is a page, however short it is. Refused above the limit for unprivileged
+    // users; the pipe then keeps its default size.
+    (void)fcntl(fd.get(), F_SETPIPE_SZ, capacity * sysconf(_SC_PAGESIZE));
+    auto *entry = static_cast<held_pipe *>(calloc(1, sizeof(held_pipe)));
+    if (entry == nullptr)
+        return -1;
+    hold(entry, name, fd.release());
+    return 0;
+}
+
 enum class existing { taken_over, refused };
 
 int create(const char *name, int capacity, int largest, existing fifo)
@@ -139,19 +182,16 @@ int create(const char *name, int capacity, int largest, existing fifo)
     const descriptor folder_fd(make_folder());
     if (folder_fd.get() < 0)
         return -1;
-    if (mkfifoat(folder_fd.get(), name, 0600) != 0 && (errno != EEXIST || fifo == existing::refused))
+    const bool made = mkfifoat(folder_fd.get(), name, 0600) == 0;
+    if (!made && (errno != EEXIST || fifo == existing::refused))
         return -1;
-    descriptor fd(open_fifo(folder_fd.get(), name, O_RDWR));
-    if (fd.get() < 0)
-        return -1;
-    // A message takes a slot of a page however short it is. Refused above the limit for unprivileged users;
-    // the pipe then keeps its default size.
-    (void)fcntl(fd.get(), F_SETPIPE_SZ, capacity * static_cast<int>(NMPIPE_MESSAGE_MAX));
-    auto *entry = static_cast<held_pipe *>(calloc(1, sizeof(held_pipe)));
-    if (entry == nullptr)
-        return -1;
-    hold(entry, name, fd.release());
-    return 0;
+    const int status = take(folder_fd.get(), name, capacity);
+    if (status < 0 && made) {
+        const int error = errno;
+        (void)unlinkat(folder_fd.get(), name, 0);
+        errno = error;
+    }
+    return status;
 }
 
 } // namespace
@@ -226,12 +266,11 @@ void qxcom_nmpipe_delete(const char *name)
 {
     if (!is_name(name))
         return;
-    const descriptor folder_fd(open_folder());
-    if (folder_fd.get() >= 0) {
-        struct stat st = {};
-        if (fstatat(folder_fd.get(), name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISFIFO(st.st_mode) &&
-            st.st_uid == geteuid())
-            (void)unlinkat(folder_fd.get(), name, 0);
-    }
-    let_go(name);
+    // By its path: a process without descriptors must still be able to remove what it made.
+    char path[sizeof folder + 1 + name_max];
+    (void)snprintf(path, sizeof path, "%s/%s", folder, name);
+    const int mine = let_go(name);
+    const descriptor fd(mine >= 0 ? mine : lock_fifo(AT_FDCWD, path));
+    if (fd.get() >= 0 && is_named(fd.get(), AT_FDCWD, path))
+        (void)unlink(path);
 }

@@ -1,7 +1,7 @@
 // Named pipes between processes: a FIFO in packet mode at /var/run/nmpipe/NAME (folder 0700, FIFO 0600),
 // where each write of up to 4096 bytes is one message. Messages keep their order and boundaries, from any
-// number of writers, and wait for a reader that comes later: the creator holds the pipe open until it
-// deletes it.
+// number of writers, and wait for a reader that comes later: the creator holds the pipe open, and locked
+// (flock), until it deletes it.
 //
 // Names have 1 to 99 characters of [A-Za-z0-9._-] and do not begin with a dot; nothing else reaches the file
 // system. A FIFO of another owner and a file that is no FIFO are refused. Writers never wait. All
@@ -20,7 +20,8 @@ constexpr size_t NMPIPE_MESSAGE_MAX = 4096; // bytes that stay one message
 
 // Makes the pipe, or takes over one that a killed process left behind, with room for `capacity` messages of
 // up to NMPIPE_MESSAGE_MAX bytes (as far as the system's limit allows). `largest` is the longest message in
-// bytes that the caller will use; messages are not held to it. 0 or positive, or -1.
+// bytes that the caller will use; messages are not held to it. 0 or positive, or -1: with EWOULDBLOCK when a
+// live process holds the pipe. A failure leaves no name behind that was not there before.
 [[nodiscard]] int qxcom_nmpipe_create(const char *name, int capacity, int largest);
 
 // The same for a name that must not exist yet: -1 with EEXIST when it does.
@@ -40,7 +41,8 @@ constexpr size_t NMPIPE_MESSAGE_MAX = 4096; // bytes that stay one message
 
 void qxcom_nmpipe_close(int fd);
 
-// Removes the name and ends the creator's hold. Does nothing for a name with no pipe.
+// Ends this process's hold and removes the name, unless another live process holds the pipe. Does nothing for
+// a name with no pipe.
 void qxcom_nmpipe_delete(const char *name);
 
 #endif
