@@ -18,8 +18,10 @@ import pytest
 from pipe_client import ADD, DEL, DONE, GET
 
 from lab import files, plan, wait
-from lab.broker import HOSTILE, Broker, Caller, Message, Status
+from lab.broker import Broker, Caller
+from lab.bus import Message, Status
 from lab.daemon import Daemon
+from lab.hostile_bus import HOSTILE
 
 BUS = "/var/run/ubus.sock"
 OBJECT = "dnsproxy"

@@ -127,7 +127,8 @@ def test_renamed_devices_are_known_though_link_messages_overrun_the_socket(lab, 
         netns.ip_batch(f"link add flood{i} group 7 type bridge" for i in range(120))
         with load(host):
             for new in ("late0", "other0", "late0"):
-                netns.ip_batch([f"link set {name} down", *others, f"link set {name} name {new}", f"link set {new} up", *others])
+                rename = [f"link set {name} down", *others, f"link set {name} name {new}", f"link set {new} up"]
+                netns.ip_batch([*rename, *others])
                 name = new
                 lab.host_wait("p1")
                 for asking in late:
