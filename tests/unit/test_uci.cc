@@ -165,69 +165,6 @@ TEST_F(uci, recorded_files)
     EXPECT_GT(files, 0) << TEST_DATA_DIR "/uci";
 }
 
-TEST_F(uci, statements)
-{
-    static constexpr struct {
-        const char *content;
-        const char *sections;
-    } rows[] = {
-        {"config r a\\", "section \"r\" \"a\" anonymous=0\n"},
-        {"config r 'a' ; # option b c\n", "section \"r\" \"a\" anonymous=0\n"},
-        {"config r a '' config r b\n", "section \"r\" \"a\" anonymous=0\nsection \"r\" \"b\" anonymous=0\n"},
-        {"config r a\no b x\\\r\ny\n", "section \"r\" \"a\" anonymous=0\noption \"b\" \"xy\"\n"},
-        {"config r a\no b \"LA\\\r\nN\"\no c '\\\r\n'\no d \"\\\rx\"\n",
-         "section \"r\" \"a\" anonymous=0\noption \"b\" \"LAN\"\noption \"c\" \"\\\\\\r\\n\"\n"
-         "option \"d\" \"\\rx\"\n"},
-        {"config r a\no b x\\\n#y\\\no c 'z'\\\n",
-         "section \"r\" \"a\" anonymous=0\noption \"b\" \"x\"\noption \"c\" \"z\"\n"},
-        {"config r a\no b ''; o c ''d\n", "section \"r\" \"a\" anonymous=0\noption \"c\" \"d\"\n"},
-        // A section can be reopened by its generated name, which the file may also have given before.
-        {"config r\nconfig r b\nconfig r cfg01b617\no c d\n",
-         "section \"r\" \"cfg01b617\" anonymous=1\noption \"c\" \"d\"\nsection \"r\" \"b\" anonymous=0\n"},
-        {"config r cfg02b617\nconfig r\nconfig r cfg02b617\no c d\n",
-         "section \"r\" \"cfg02b617\" anonymous=0\noption \"c\" \"d\"\nsection \"r\" \"cfg02b617\" "
-         "anonymous=1\n"},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(outcome(row.content), "package \"dns\"\n"s + row.sections) << row.content;
-}
-
-TEST_F(uci, faults_and_their_places)
-{
-    static constexpr struct {
-        const char *content;
-        const char *fault;
-    } rows[] = {
-        {"package", "package without name) at line 0, byte 0"},
-        {"\n\n config", "config without name) at line 2, byte 1"},
-        {"config r\n\to", "option without name) at line 1, byte 1"},
-        {"config r\nlist", "option without name) at line 1, byte 0"},
-        {"conf r\n", "invalid command) at line 1, byte 0"},
-        {"'config' r\n", "invalid command) at line 1, byte 0"},
-        {"config r 'a';\n", "invalid command) at line 1, byte 13"},
-        {"config r 'a' ; ;\n", "invalid command) at line 1, byte 14"},
-        {"config \n", "insufficient arguments) at line 1, byte 8"},
-        {"config  # r\n", "insufficient arguments) at line 1, byte 8"},
-        {"config r\noption ''", "insufficient arguments) at line 1, byte 9"},
-        {"config r\xc3\xa4 a\n", "invalid character in type field) at line 1, byte 11"},
-        {"config 'r e' a\n", "invalid character in type field) at line 1, byte 13"},
-        {"config r a-b", "invalid character in name field) at line 0, byte 12"},
-        {"config r 'a\n' \"b\nc\"\n", "invalid character in name field) at line 2, byte 14"},
-        {"config r ; option a b\n", "too many arguments) at line 1, byte 18"},
-        {"config r a\\\nb c\n", "too many arguments) at line 2, byte 15"},
-        {"config r a\no b \\\n x", "too many arguments) at line 2, byte 7"},
-        {"config r a\no b x\\\r\ny\\\r\n z", "too many arguments) at line 3, byte 10"},
-        {"config r a\no b \"x\\\r\ny\" z\n", "too many arguments) at line 3, byte 12"},
-        {"config r a\nconfig s 'a' ; o b c\n",
-         "section of different type overwrites prior section with same name) at line 2, byte 14"},
-        {"config r 'a\n\n", "EOF with unterminated ') at line 2, byte 13"},
-        {"config r \"a\\", "EOF with unterminated \") at line 0, byte 12"},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(outcome(row.content), "error 5 " + quoted((": Parse error ("s + row.fault).c_str()) + "\n")
-            << row.content;
-}
-
 TEST_F(uci, refused_names_and_files)
 {
     spill(dir / "dns", "");
