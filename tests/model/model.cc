@@ -232,9 +232,9 @@ void model::reply(const datagram &d, bool v6)
         if (!sent)
             return;
         marks.reset(mark_of(id));
-        met("reply relayed");
+        met("answer relayed");
     } else
-        met("reply not relayed");
+        met("answer not relayed");
     r->answered = true;
     silent = 0;
     report_armed = true;

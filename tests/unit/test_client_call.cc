@@ -311,20 +311,6 @@ TEST_F(client_call, bad_reply_leaves_the_message_as_it_was)
     }
 }
 
-TEST_F(client_call, full_request_pipe_fails_at_once)
-{
-    ASSERT_GE(qxcom_nmpipe_create(request_name.c_str(), 200, 240), 0);
-    const int fd = qxcom_nmpipe_open(request_name.c_str(), NMPIPE_WRITE, 0);
-    int waiting = 0;
-    while (qxcom_nmpipe_write(fd, std::string(240, 'x').data(), 240) > 0)
-        waiting++;
-    EXPECT_GE(waiting, 200);
-    expect_failure(DNSPROXY_DNS_SERVER_GET, DNSPROXY_ERESOURCE);
-    EXPECT_EQ(longest_wait_ms, 0);
-    qxcom_nmpipe_close(fd);
-    qxcom_nmpipe_delete(request_name.c_str());
-}
-
 std::atomic<int> sigpipes;
 
 bool is_sigpipe_pending()
@@ -365,23 +351,6 @@ TEST_F(client_call, sigpipe_does_not_reach_the_caller)
     signal(SIGPIPE, before);
 }
 
-TEST_F(client_call, signals_do_not_end_the_wait)
-{
-    static std::atomic<bool> interrupted;
-    struct sigaction interrupts = {}, before = {};
-    interrupts.sa_handler = [](int) { interrupted = true; };
-    sigaction(SIGUSR1, &interrupts, &before);
-    const fake_daemon daemon([caller = pthread_self()](const dnsproxy_public_msg &msg) {
-        pthread_kill(caller, SIGUSR1);
-        while (!interrupted)
-            std::this_thread::yield();
-        return done(msg);
-    });
-    dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GET);
-    EXPECT_EQ(dnsproxy_public_dnsServer(&msg), 0);
-    sigaction(SIGUSR1, &before, nullptr);
-}
-
 TEST_F(client_call, draws_another_name_when_one_is_taken)
 {
     const fake_daemon daemon(done);
@@ -402,34 +371,6 @@ TEST_F(client_call, draws_another_name_when_one_is_taken)
     EXPECT_FALSE(scripted_numbers.empty()) << "the search for a name has no end";
     scripted_numbers.clear();
     EXPECT_TRUE(fs::remove(taken)) << "another client's pipe was removed";
-}
-
-TEST_F(client_call, threads_get_their_own_replies)
-{
-    constexpr uint32_t calls = 200;
-    const fake_daemon daemon([](dnsproxy_public_msg msg) {
-        msg.dataLen = sizeof msg.reserved;
-        const auto *list = reinterpret_cast<const char *>(&msg.reserved);
-        return messages{done(msg)[0], {list, sizeof msg.reserved}};
-    });
-    std::vector<std::thread> callers;
-    std::atomic<uint32_t> answered = 0;
-    for (uint32_t first = 0; first < 8 * calls; first += calls) {
-        callers.emplace_back([first, &answered] {
-            for (uint32_t number = first; number < first + calls; number++) {
-                dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GETADDRS);
-                msg.reserved = number;
-                if (dnsproxy_public_dnsServer(&msg) != 0)
-                    continue;
-                auto *listed = reinterpret_cast<uint32_t *>(msg.data);
-                answered += msg.reserved == number && *listed == number ? 1 : 0;
-                free(listed);
-            }
-        });
-    }
-    for (std::thread &caller : callers)
-        caller.join();
-    EXPECT_EQ(answered, 8 * calls);
 }
 
 } // namespace

@@ -36,32 +36,4 @@ TEST(ipcom_list, keeps_order_and_size)
     EXPECT_EQ(names(head), "dbc") << "a record in no list is left alone";
 }
 
-TEST(ipcom_list, moves_records_to_the_end_before_the_head)
-{
-    ipcom_list head;
-    record a{{}, 'a'}, b{{}, 'b'};
-    ipcom_list_init(&head);
-    ipcom_list_insert_last(&head, &a.link);
-    ipcom_list_remove(&a.link);
-    ipcom_list_insert_before(&head, &a.link);
-    EXPECT_EQ(names(head), "a");
-    ipcom_list_insert_last(&head, &b.link);
-    ipcom_list_remove(&a.link);
-    ipcom_list_insert_before(&head, &a.link);
-    EXPECT_EQ(names(head), "ba");
-}
-
-TEST(ipcom_list, removal_lowers_the_size_of_the_list_that_holds_the_record)
-{
-    ipcom_list one, other;
-    record a{{}, 'a'}, b{{}, 'b'};
-    ipcom_list_init(&one);
-    ipcom_list_init(&other);
-    ipcom_list_insert_last(&one, &a.link);
-    ipcom_list_insert_last(&other, &b.link);
-    ipcom_list_remove(&b.link);
-    EXPECT_EQ(names(one), "a");
-    EXPECT_EQ(names(other), "");
-}
-
 } // namespace

@@ -49,48 +49,6 @@ protected:
         c_{.act = [this] { fired_ += 'c'; }};
 };
 
-TEST_F(ipcom_tmo2_test, fires_once_and_never_early)
-{
-    arm(&a_, 10000);
-    fake_clock::advance_ns(10'000'000'000 - 1);
-    EXPECT_EQ(pass(), 0);
-    EXPECT_EQ(fired_, "");
-    fake_clock::advance_ns(1);
-    pass();
-    EXPECT_EQ(fired_, "a");
-    fake_clock::advance_ms(100000);
-    pass();
-    EXPECT_EQ(fired_, "a");
-}
-
-TEST_F(ipcom_tmo2_test, fires_in_order_of_deadline_over_all_lengths)
-{
-    arm(&a_, 60000);
-    arm(&b_, 10000);
-    fake_clock::advance_ms(5000);
-    arm(&c_, 10000);
-    fake_clock::advance_ms(100000);
-    pass();
-    EXPECT_EQ(fired_, "bca");
-}
-
-TEST_F(ipcom_tmo2_test, a_cancelled_timer_does_not_fire_and_can_be_armed_again)
-{
-    ipcom_tmo2_cancel(&a_.tmo);
-    arm(&a_, 10);
-    ipcom_tmo2_cancel(&a_.tmo);
-    ipcom_tmo2_cancel(&a_.tmo);
-    arm(&b_, 10);
-    fake_clock::advance_ms(5);
-    arm(&a_, 10);
-    fake_clock::advance_ms(5);
-    pass();
-    EXPECT_EQ(fired_, "b");
-    fake_clock::advance_ms(5);
-    pass();
-    EXPECT_EQ(fired_, "ba");
-}
-
 TEST_F(ipcom_tmo2_test, a_callback_may_free_its_owner_and_cancel_a_neighbour_that_is_due)
 {
     auto *mortal = new owner{.dies = true};
@@ -149,11 +107,6 @@ TEST_F(ipcom_tmo2_test, a_ready_descriptor_is_reported_beside_due_timers)
     EXPECT_TRUE(FD_ISSET(fds[0], &reads));
     close(fds[0]);
     close(fds[1]);
-}
-
-TEST_F(ipcom_tmo2_test, a_deleted_service_may_be_null)
-{
-    ipcom_tmo2_delete(nullptr);
 }
 
 int64_t real_clock_ms()

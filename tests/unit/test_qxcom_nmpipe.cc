@@ -76,21 +76,6 @@ TEST_F(nmpipe, a_message_waits_for_a_reader_that_opens_later)
     EXPECT_EQ(qxcom_nmpipe_read(reader, got.data(), 240), 100) << "boundaries are kept";
 }
 
-TEST_F(nmpipe, wrong_lengths_are_seen_and_cost_only_their_message)
-{
-    create();
-    const int writer = open_end(NMPIPE_WRITE);
-    const int reader = open_end(NMPIPE_READWRITE);
-    for (const size_t length : {1U, 239U, 241U, 4096U}) {
-        char got[240] = {};
-        ASSERT_EQ(put(writer, message(length)), static_cast<ptrdiff_t>(length));
-        ASSERT_EQ(put(writer, message(240, 'n')), 240);
-        EXPECT_EQ(qxcom_nmpipe_read(reader, got, 240), static_cast<ptrdiff_t>(length));
-        EXPECT_EQ(qxcom_nmpipe_read(reader, got, 240), 240);
-        EXPECT_EQ(std::string(got, 240), message(240, 'n'));
-    }
-}
-
 TEST_F(nmpipe, long_blocks_are_collected_by_one_read)
 {
     create();

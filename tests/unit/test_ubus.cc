@@ -221,13 +221,6 @@ void run_loop()
 
 using Disposition = void (*)(int);
 
-Disposition disposition(int number)
-{
-    struct sigaction action = {};
-    EXPECT_EQ(sigaction(number, nullptr, &action), 0);
-    return action.sa_handler;
-}
-
 class ubus : public testing::Test {
 protected:
     ubus()
@@ -589,28 +582,3 @@ TEST_F(ubus, reply_to_a_broker_that_has_gone_fails_by_the_ignored_signal)
     EXPECT_EQ(losses, 1);
 }
 
-TEST_F(ubus, failed_connect_has_taken_the_signals)
-{
-    EXPECT_EQ(ubus_connect("/tmp/nobody.sock"), nullptr);
-    EXPECT_EQ(disposition(SIGPIPE), SIG_IGN);
-    for (const int number : {SIGINT, SIGTERM, SIGCHLD})
-        EXPECT_NE(disposition(number), SIG_DFL) << number;
-    uloop_done();
-    for (const int number : {SIGINT, SIGTERM, SIGCHLD})
-        EXPECT_EQ(disposition(number), SIG_DFL) << number;
-}
-
-// Nor does it matter which goes first, the context or the loop.
-TEST_F(ubus, registration_is_not_interrupted)
-{
-    broker.play([this] {
-        broker.greet();
-        broker.expect(recorded({"02"}));
-        EXPECT_EQ(kill(getpid(), SIGTERM), 0);
-        broker.send_bytes(recorded({"03", "04"}));
-        broker.expect_end();
-    });
-    ASSERT_NO_FATAL_FAILURE(publish());
-    uloop_done();
-    disconnect();
-}
