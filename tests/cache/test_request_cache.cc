@@ -2,7 +2,7 @@
 
 #include "cache/cache_server.h"
 #include "cache/noreply.h"
-#include "core/platform/nms_event.h"
+#include "platform/nms_event.h"
 #include "core/status.h"
 #include "tests/support/daemon_state.h"
 #include "tests/support/log_capture.h"

@@ -24,7 +24,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/platform/qxcom_nmpipe.h"
+#include "platform/qxcom_nmpipe.h"
 #include "tests/support/sandbox.h"
 
 namespace fs = std::filesystem;

@@ -9,8 +9,10 @@
 #include <set>
 
 #include "cache/request_cache.h"
-#include "core/event_loop.h"
-#include "core/start.h"
+#include "core/data_init.h"
+#include "daemon/event_loop.h"
+#include "daemon/start.h"
+#include "iface/if_init.h"
 #include "iface/listen_if.h"
 #include "tests/fuzz/model.h"
 
