@@ -8,8 +8,8 @@
 
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
-#include "core/platform/mutex_guard.h"
 #include "iface/server_if.h"
+#include "platform/mutex_guard.h"
 
 namespace {
 

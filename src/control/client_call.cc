@@ -15,7 +15,7 @@
 #include <sys/random.h>
 
 #include "control/public_msg.h"
-#include "core/platform/qxcom_nmpipe.h"
+#include "platform/qxcom_nmpipe.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <set>
 
 #include "cache/request_cache.h"
-#include "core/start.h"
+#include "daemon/start.h"
 #include "iface/listen_if.h"
 #include "tests/model/model.h"
 

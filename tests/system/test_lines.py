@@ -4,9 +4,12 @@ Which server is asked, and under which identifier, is the model's to know (tests
 """
 
 import contextlib
+import subprocess
 import threading
+import time
 from pathlib import Path
 
+import programs
 import pytest
 
 from lab import dns, files, netns, plan, wait
@@ -189,3 +192,38 @@ def test_a_line_that_nobody_empties_holds_up_no_other(start, upstreams, departur
         assert host.receive(port) is not None
     finally:
         netns.ip_batch(["link delete tun0"])
+
+
+def test_a_forced_network_keeps_to_a_dead_first_server(start, fast_clock, upstreams, client):
+    """Two forced networks whose line's first server is dead. Guests share their line with a free network, whose
+    answered query carries the first slot; a query of the router reaches the second server when it is repeated, and
+    carries the first slot all the same. Both pin the dead server again, until it is taken out.
+    """
+    router = SELF | {"force_if": "on", "out_if": "WAN3"}
+    start([LAN, GUEST, router], files.resolv_of_lines(2, 3, ipv6=False), environment=fast_clock)
+    for line in (2, 3):
+        upstreams[line].answer_with(silent, plan.LINES[line].servers4[0])
+    hosts = {2: client("g1"), 3: client(None)}
+
+    def ask(line: int):
+        """A new query; each call sends it again and gives the slot of the server that it reaches."""
+        port = hosts[line].open()
+        payload = dns.query(hosts[line].fresh_ident(port))
+
+        def reached() -> int:
+            before = upstreams[line].count
+            hosts[line].send(payload, port)
+            return upstreams[line].wait_for(before + 1)[before].server.slot
+
+        return reached
+
+    assert ask(2)() == 0
+    assert client("h1").ask() is not None
+    assert ask(3)() == 0
+    asked, later = time.monotonic(), ask(3)
+    wait.until(lambda: time.monotonic() - asked > 5 / 30, "half a record's life, by the daemon's clock")
+    wait.until(lambda: later() == 1, "the expiry of the first query")
+    wait.until(lambda: later() == 0, "the expiry of the query that was repeated")
+    assert ask(2)() == 0, "pinned by the free query"
+    subprocess.run([programs.path("tools/dnsproxyctl"), "set", "WAN2", plan.LINES[2].addresses[1]], check=True)
+    assert hosts[2].ask() is not None, "the dead server was taken out"

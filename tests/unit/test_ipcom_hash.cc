@@ -1,4 +1,4 @@
-#include "core/platform/ipcom_hash.h"
+#include "platform/ipcom_hash.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

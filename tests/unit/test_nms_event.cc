@@ -1,4 +1,4 @@
-#include "core/platform/nms_event.h"
+#include "platform/nms_event.h"
 
 #include <gtest/gtest.h>
 #include <string>

@@ -1,4 +1,4 @@
-#include "core/platform/qxcom_nmpipe.h"
+#include "platform/qxcom_nmpipe.h"
 
 #include <cerrno>
 #include <csignal>
