@@ -204,40 +204,6 @@ def test_calls_that_change_nothing(bus, start):
     assert state(bus) == [("wan1", "off"), ("wan2", "on")]
 
 
-FIRST_WORDS = {
-    "hung up": b"",
-    "truncated": GREETING[:HEADER_SIZE],
-    "oversized": GREETING[:HEADER_SIZE] + b"\x00\xff\xff\xff" + bytes(1000),
-    "shorter than its length": GREETING[:HEADER_SIZE] + b"\0\0\0\0",
-    "another message": Message(type=1, seq=0, peer=7).pack(),
-    "random": b"\xff" + os.urandom(4096),
-    "greeting alone": GREETING,
-    **{f"greeting, {kind}": GREETING + make(1) for kind, make in HOSTILE.items()},
-}
-
-
-@pytest.mark.parametrize("said", FIRST_WORDS.values(), ids=FIRST_WORDS)
-def test_a_first_connection_that_fails_is_the_last(start, upstreams, client, said):
-    with listening() as listener:
-        daemon = start(RULES, one_server(1))
-        with accepted(listener) as connection, contextlib.suppress(ConnectionError):  # it may hang up before the end
-            connection.sendall(said[: len(GREETING)])
-            if said.startswith(GREETING):
-                assert connection.recv(1), "the registration"
-            connection.sendall(said[len(GREETING) :])
-        assert client("h1").ask() is not None
-    # With the bus gone there is nothing to connect to again.
-    wait_without_bus_thread(daemon)
-    assert client("h1").ask() is not None
-
-
-def test_a_first_registration_that_is_refused(bus, start, upstreams, client):
-    bus.refused.add(OBJECT)
-    daemon = start(RULES, one_server(1))
-    wait_without_bus_thread(daemon)
-    assert client("h1").ask() is not None
-
-
 @pytest.mark.parametrize("kind", HOSTILE)
 def test_a_hostile_bus(bus, start, fast_clock, upstreams, client, kind):
     daemon = start(RULES, one_server(1, 2), environment=fast_clock)

@@ -190,24 +190,3 @@ TEST(blobmsg, parses_these_bytes)
     EXPECT_GT(rows, 20);
 }
 
-TEST(blobmsg, policy_entry_may_take_any_type_and_names_up_to_255_characters)
-{
-    Buffer b;
-    const std::string longest(255, 'n'), too_long(256, 'n');
-    blobmsg_add_u32(&b, "name", 0x01020304);
-    blobmsg_add_string(&b, longest.c_str(), "fits");
-    blobmsg_add_string(&b, too_long.c_str(), "does not");
-    const auto by = [&b](const char *name, enum blobmsg_type type) {
-        return find({name, type}, blob_data(b.head), blob_len(b.head));
-    };
-    blob_attr *const any = by("name", BLOBMSG_TYPE_UNSPEC);
-    ASSERT_NE(any, nullptr);
-    EXPECT_EQ(by("name", BLOBMSG_TYPE_INT32), any);
-    EXPECT_EQ(by("name", BLOBMSG_TYPE_STRING), nullptr);
-    EXPECT_EQ(found(by(longest.c_str(), BLOBMSG_TYPE_STRING)), "fits");
-    EXPECT_EQ(by(too_long.c_str(), BLOBMSG_TYPE_STRING), nullptr);
-    EXPECT_EQ(blobmsg_type(any), BLOBMSG_TYPE_INT32);
-    EXPECT_STREQ(blobmsg_name(any), "name");
-    ASSERT_EQ(blobmsg_len(any), 4U);
-    EXPECT_EQ(memcmp(blobmsg_data(any), "\1\2\3\4", 4), 0);
-}

@@ -227,29 +227,6 @@ TEST_F(client_call, without_daemon_fails_at_once)
     EXPECT_EQ(dnsproxy_public_getDnsServerAll(), 0);
 }
 
-TEST_F(client_call, stores_the_reply)
-{
-    const fake_daemon daemon([](dnsproxy_public_msg msg) {
-        msg.dataLen = 16; // but a list follows list operations only
-        msg.dns = 11;
-        msg.result = 3;
-        return messages{bytes(msg)};
-    });
-    dnsproxy_public_msg msg = filled(DNSPROXY_DNS_SERVER_GET), expected = msg;
-    EXPECT_EQ(dnsproxy_public_dnsServer(&msg), 3);
-    memcpy(expected.pipeName, msg.pipeName, sizeof msg.pipeName);
-    expected.dataLen = 16;
-    expected.dns = 11;
-    expected.result = 3;
-    EXPECT_EQ(bytes(msg), bytes(expected));
-    EXPECT_GT(longest_wait_ms, full_wait_ms - 1000);
-
-    int fd = -1;
-    EXPECT_EQ(dnsproxy_public_pipeOpen(&fd), 0);
-    EXPECT_GE(fd, 0);
-    close(fd);
-}
-
 TEST_F(client_call, list_of_any_length_arrives_whole)
 {
     for (const uint32_t op : {DNSPROXY_DNS_SERVER_GETADDRS, DNSPROXY_DNS_SERVER_GETIFS}) {

@@ -235,36 +235,4 @@ TEST_F(nmpipe, files_are_private_and_close_on_exec)
     EXPECT_NE(fcntl(open_end(NMPIPE_READ), F_GETFD) & FD_CLOEXEC, 0);
 }
 
-TEST_F(nmpipe, four_writers_at_once_keep_a_thousand_messages_whole)
-{
-    constexpr int writers = 4, each = 250;
-    create(200);
-    const int reader = open_end(NMPIPE_READ);
-    std::vector<std::thread> threads;
-    for (int w = 0; w < writers; w++) {
-        threads.emplace_back([w] {
-            const int fd = qxcom_nmpipe_open("test", NMPIPE_WRITE, 0);
-            for (int i = 0; i < each;) {
-                std::string text = message(240, static_cast<char>('a' + w));
-                text[0] = static_cast<char>(i);
-                if (put(fd, text) == 240)
-                    i++;
-                else
-                    std::this_thread::yield();
-            }
-            qxcom_nmpipe_close(fd);
-        });
-    }
-    std::map<char, int> next;
-    for (int i = 0; i < writers * each; i++) {
-        std::string got(240, '\0');
-        ASSERT_EQ(qxcom_nmpipe_read(reader, got.data(), 240), 240);
-        const char writer = got[1];
-        ASSERT_EQ(got.substr(1), message(239, writer));
-        EXPECT_EQ(got[0], static_cast<char>(next[writer]++)) << "in order per writer";
-    }
-    for (std::thread &t : threads)
-        t.join();
-}
-
 } // namespace

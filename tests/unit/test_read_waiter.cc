@@ -113,16 +113,6 @@ TEST_F(read_waiter_test, the_alarm_goes_off_once_and_as_it_was_set_last)
         EXPECT_EQ(readable({}, at_once), fds{});
         EXPECT_FALSE(alarmed_) << "once";
     }
-    read_waiter_set_alarm(&waiter_, 1);
-    pipes_[0].put();
-    usleep(1000);
-    EXPECT_EQ(readable({pipes_[0].read}, for_ever), fds{pipes_[0].read});
-    EXPECT_TRUE(alarmed_) << "beside what is readable";
-    read_waiter_set_alarm(&waiter_, 1);
-    usleep(1000);
-    read_waiter_set_alarm(&waiter_, hour_ns);
-    EXPECT_EQ(readable({}, at_once), fds{});
-    EXPECT_FALSE(alarmed_) << "not at the earlier time any more";
 }
 
 } // namespace

@@ -381,24 +381,6 @@ TEST_F(ubus, reconnect_registers_again)
     EXPECT_EQ(losses, 2);
 }
 
-TEST_F(ubus, reconnect_forgets_an_object_that_is_refused)
-{
-    broker.play([this] {
-        broker.take_up();
-        broker.greet();
-        broker.expect(recorded({"71"}));
-        broker.send_bytes(status("00010002 00000000", "00000002", ""));
-        broker.greet();
-        broker.expect_end();
-    });
-    serve();
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_EQ(ubus_reconnect(ctx, path), UBUS_STATUS_OK);
-        EXPECT_EQ(object.id, 0U);
-    }
-    disconnect();
-}
-
 TEST_F(ubus, failed_reconnect_tells_what_failed)
 {
     broker.play([this] {
@@ -535,50 +517,5 @@ TEST_F(ubus, answers_to_unusual_messages_and_an_end_at_one_that_is_too_long)
     });
     serve();
     disconnect();
-}
-
-// A broker that only stops sending is gone, too. That is told once, and a socket that is left in the loop
-// leaves it.
-TEST_F(ubus, half_closed_connection_does_not_spin)
-{
-    broker.play([this] {
-        broker.take_up();
-        broker.send_bytes(recorded({"24"}));
-        broker.stop_sending();
-        broker.expect(recorded({"25", "26"}));
-        broker.expect_end();
-    });
-    ASSERT_NO_FATAL_FAILURE(publish());
-    uloop_timeout timer = {};
-    timer.cb = end_loop;
-    whenLost = [&timer] { uloop_timeout_set(&timer, 20); };
-    run_loop();
-    EXPECT_EQ(losses, 1);
-    EXPECT_FALSE(ctx->sock.registered);
-    disconnect();
-}
-
-// Nothing but the ignored signal keeps a late reply from ending the process, as with the real library.
-TEST_F(ubus, reply_to_a_broker_that_has_gone_fails_by_the_ignored_signal)
-{
-    const auto scene = [this](Disposition sigpipe) {
-        broker.play([this] {
-            broker.take_up();
-            broker.send_bytes(recorded({"24"}));
-            broker.hang_up();
-        });
-        publish();
-        beforeReply = [this] {
-            pollfd gone = {.fd = ctx->sock.fd, .events = 0, .revents = 0};
-            EXPECT_EQ(poll(&gone, 1, liveness_ms), 1);
-        };
-        if (sigpipe != SIG_IGN)
-            signal(SIGPIPE, sigpipe);
-        run_loop();
-    };
-    EXPECT_EXIT(scene(SIG_DFL), testing::KilledBySignal(SIGPIPE), "");
-    scene(SIG_IGN);
-    EXPECT_EQ(replyStatus, UBUS_STATUS_NO_DATA);
-    EXPECT_EQ(losses, 1);
 }
 

@@ -291,26 +291,6 @@ TEST_F(uci, huge_files)
         EXPECT_EQ(outcome(std::string(bytes, byte)), "package \"dns\"\n");
     EXPECT_EQ(outcome("config r '" + std::string(bytes, 'x')),
               "error 5 \": Parse error (EOF with unterminated ') at line 0, byte 10000010\"\n");
-
-    std::string sections, options = "config r a\n", items = options;
-    for (int i = 1; i <= 200'000; ++i) {
-        const std::string n = std::to_string(i);
-        sections += "config r s" + n + "\noption b c\n";
-        options += "option o" + n + " v\n";
-        items += "list l " + n + "\n";
-    }
-    const struct {
-        std::string content; // twice where a name is to be found again
-        const char *end;
-    } rows[] = {
-        {sections + sections, "\"s200000\" anonymous=0\noption \"b\" \"c\"\n"},
-        {options + options, "\noption \"o200000\" \"v\"\n"},
-        {items, " \"199999\" \"200000\"\n"},
-    };
-    for (const auto &row : rows) {
-        const std::string all = outcome(row.content);
-        EXPECT_EQ(all.find(row.end), all.size() - strlen(row.end)) << row.end << all.substr(0, 200);
-    }
 }
 
 // A file that takes every road to an allocation: the growth of its buffer and of the name index, named and
