@@ -26,6 +26,7 @@ std::vector<ipcom_tmo2> timers; // that somebody owns
 std::set<int> descriptors;      // that lines own
 enum { RUNNING, DRAINING, ENDING } phase;
 size_t waiting_before; // datagrams at the last wait
+bool settled;          // and nothing has been due since
 const std::function<bool()> *script;
 jmp_buf end_of_loop;
 
@@ -210,7 +211,9 @@ void settle()
 // The loop has taken a datagram: one step is over, the next begins.
 void received(int fd, const datagram &d)
 {
-    settle();
+    if (!settled)
+        settle();
+    settled = false;
     const open_file &file = sys.files.at(fd);
     if (fd == dnsproxy_data.listenFd || fd == dnsproxy_data.listenFd6)
         expected.query(d);
@@ -265,7 +268,7 @@ int wait(epoll_event *ready, int limit_ms)
         ready[count].events = EPOLLIN;
         ready[count++].data.fd = fd;
     }
-    expected.let_expire();
+    settled = !expected.let_expire() && expected.has_list;
     if (!expected.has_list)
         expected.list_devices();
     return count;
