@@ -298,7 +298,10 @@ void start(uint16_t first_id, int log_level)
     sys.resolv =
         "#Interface WAN1\nnameserver 1.0.0.0\nnameserver ::1\nnameserver 17.0.0.0\nnameserver ::100\n"
         "#Interface WAN2\nnameserver 2.0.0.0\nnameserver ::2\nnameserver 18.0.0.0\nnameserver ::200\n"
-        "#Interface VPN\nnameserver 3.0.0.0\nnameserver ::3\nnameserver 19.0.0.0\nnameserver ::300\n";
+        "#Interface VPN\nnameserver 3.0.0.0\nnameserver ::3\nnameserver 19.0.0.0\nnameserver ::300\n"
+        "#Interface loopback\nnameserver 9.9.9.9\n"
+        "#Interface WAN2\nnameserver 8.8.8.8\nnameserver ::2\nnameserver ::200\n"
+        "#Interface WAN3\nnameserver 8.8.8.8\n"; // not read: there are two of one name
     for (uint8_t number = 1; number <= 3; number++) {
         dnsproxy_server_if line = {};
         strcpy(line.ifname, number == 1 ? "wan1" : number == 2 ? "wan2" : "pt-vpn0");
@@ -336,6 +339,7 @@ void end()
              "a rule can be deleted");
     __wrap_if_freenameindex(dnsproxy_data.ifNameIndex);
     dnsproxy_cleanup();
+    must(sys.pipes == 0, "the request pipe goes with its daemon");
     must(sys.blocks.size() == 1 && sys.blocks.begin()->second == sizeof(dnsproxy_public_msg),
          "all memory comes back");
     __wrap_free(sys.blocks.begin()->first);
