@@ -16,15 +16,15 @@ constexpr size_t command_size = 128;
 constexpr size_t logical_max = command_size - sizeof command_format + 2; // the "%s" goes, the NUL stays
 static_assert(logical_max == 34);
 
-// Nothing that means something to a shell passes.
+// Refuses every character that a shell would interpret.
 bool is_safe_name(const char *name)
 {
     static constexpr char allowed[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-@:";
     return strspn(name, allowed) == strlen(name);
 }
 
-// The command's output stream; closing it waits for the command. The command gets the default action of
-// SIGPIPE, which the daemon ignores: one that prints without end then ends when the stream is closed.
+// The command's output stream; closing it waits for the command. The daemon ignores SIGPIPE, but the command
+// gets its default action: a command that prints without end then ends when the stream is closed.
 class command_output {
 public:
     explicit command_output(const char *command)

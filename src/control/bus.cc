@@ -26,8 +26,7 @@ bool lost_again;   // and has lost its connection meanwhile
 
 void end_process(int number)
 {
-    // It ends with the first round, unless the library takes the default action for its own between the
-    // calls.
+    // The first round ends the process, unless the library takes the signal over between the two calls.
     sigset_t only;
     sigemptyset(&only);
     sigaddset(&only, number);
@@ -38,10 +37,10 @@ void end_process(int number)
     }
 }
 
-// The bus library takes over SIGINT, SIGTERM and SIGCHLD while it connects, if they have their default
-// action, and then waits for the bus without a limit. Around such calls the first two get a handler that does
-// what the default does, which the library leaves alone; afterwards all three are as they were, so that one
-// SIGTERM ends the daemon at any time and children stay with whoever made them.
+// While it connects, the bus library takes over SIGINT, SIGTERM and SIGCHLD if they have their default
+// action, and waits for the bus without a limit. Around such calls SIGINT and SIGTERM get a handler with the
+// effect of the default action, which the library leaves alone. Afterwards all three are restored: one
+// SIGTERM ends the daemon at any time, and pclose() finds its own children.
 class own_signals {
 public:
     own_signals()
@@ -112,8 +111,7 @@ bool add_state(blob_buf *buf, const dnsproxy_server_if *sif)
     return added;
 }
 
-// False: there was no memory, and the message lacks what did not fit. The message itself must have been made:
-// the library would follow a null pointer.
+// False without memory for all lines. The message must have been initialised: the library does not test it.
 bool dnsproxy_server_if_fillState(blob_buf *buf)
 {
     const mutex_guard lock(&dnsproxy_data.serverIfLock);

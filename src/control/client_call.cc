@@ -1,5 +1,5 @@
-// The client's side of the request pipe; what other programs link. It writes no log: a library does not
-// print, and its results say what went wrong.
+// The client's side of the request pipe, a library for other programs. It does not print: its results say
+// what failed.
 
 #include <dnsproxy/client.h>
 

@@ -19,7 +19,7 @@ namespace {
 
 constexpr char op_name[] = "dnsproxy_public_read";
 
-// A field of a message as a string; what comes from outside may lack its NUL.
+// A field of a message as a string. A client may have left its NUL out.
 template <size_t N> struct bounded {
     char text[N + 1];
     explicit bounded(const char (&field)[N])

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr size_t piece_max = 4096; // what a pipe that polls writable takes whole
+constexpr size_t piece_max = 4096; // a pipe that polls writable takes this much whole
 constexpr size_t line_max = 2048;  // longer log lines are cut
 
 constexpr const char *level_names[] = {"Emergency", "Alert",       "Critical", "Error", "Warning",

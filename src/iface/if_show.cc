@@ -8,7 +8,9 @@
 #include "iface/listen_if.h"
 #include "iface/server_record.h"
 
-static void show_listen_if(FILE *out, const dnsproxy_listen_if *lif)
+namespace {
+
+void show_listen_if(FILE *out, const dnsproxy_listen_if *lif)
 {
     (void)fprintf(out, "ifname:%s.\n", lif->ifname_receive);
     (void)fprintf(out, "Specify out interface = %d     ", lif->specify);
@@ -19,7 +21,7 @@ static void show_listen_if(FILE *out, const dnsproxy_listen_if *lif)
     (void)fprintf(out, "\n\n");
 }
 
-static void show_server_if(FILE *out, const dnsproxy_server_if *sif)
+void show_server_if(FILE *out, const dnsproxy_server_if *sif)
 {
     (void)fprintf(out, "ifname:%s ifindex:%d.\n", sif->ifname, sif->ifindex);
     for (int slot = 0; slot < DNSPROXY_SERVER_SLOTS; slot++)
@@ -36,7 +38,7 @@ static void show_server_if(FILE *out, const dnsproxy_server_if *sif)
     (void)fprintf(out, "\n\n");
 }
 
-static void show_cache_server(FILE *out)
+void show_cache_server(FILE *out)
 {
     (void)fprintf(out, "***Show server cache interface***\n");
     (void)fprintf(out, "cache init:%d   ", static_cast<int32_t>(dnsproxy_data.cacheServerSet));
@@ -45,6 +47,8 @@ static void show_cache_server(FILE *out)
     (void)fprintf(out, "\n\n");
     (void)fprintf(out, "End\n\n");
 }
+
+} // namespace
 
 int dnsproxy_if_show()
 {

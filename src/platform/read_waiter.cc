@@ -18,7 +18,7 @@ int add(const read_waiter *w, int fd, uint32_t what)
     return epoll_ctl(w->epoll, EPOLL_CTL_ADD, fd, &event);
 }
 
-// Brings what the kernel watches in line with the set; false: not all of it.
+// Makes the kernel watch exactly this set; false: it refused a descriptor.
 [[gnu::cold, gnu::noinline]] bool update(read_waiter *w, int nfds, const fd_set *reads)
 {
     bool all = true;
@@ -43,7 +43,7 @@ int read_waiter_open(read_waiter *w)
     FD_ZERO(&w->watched);
     w->epoll = epoll_create1(EPOLL_CLOEXEC);
     w->alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    // The edge is enough: nobody reads how often the alarm went off.
+    // Edge-triggered, because the expiry count is never read.
     if (w->epoll >= 0 && w->alarm >= 0 && add(w, w->alarm, EPOLLIN | EPOLLET) == 0)
         return 0;
     read_waiter_close(w);
