@@ -32,14 +32,14 @@ public:
         struct sigaction ends = {};
         struct sigaction daemons = {};
         ends.sa_handler = SIG_DFL;
-        (void)sigaction(SIGPIPE, &ends, &daemons);
+        sigaction(SIGPIPE, &ends, &daemons);
         file_ = popen(command, "re");
-        (void)sigaction(SIGPIPE, &daemons, nullptr);
+        sigaction(SIGPIPE, &daemons, nullptr);
     }
     ~command_output()
     {
         if (file_ != nullptr)
-            (void)pclose(file_);
+            pclose(file_);
     }
     command_output(const command_output &) = delete;
     command_output &operator=(const command_output &) = delete;
@@ -66,7 +66,7 @@ int dnsproxy_get_effect_devices(const char *logical, char *device)
         return DNSPROXY_EFAIL;
     }
     char command[command_size] = {};
-    (void)snprintf(command, sizeof command, command_format, logical);
+    snprintf(command, sizeof command, command_format, logical);
     const command_output output(command);
     if (output.file() == nullptr) {
         DNSPROXY_LOG(ERROR, __func__, 0, "Failed to get other infaces status.");

@@ -27,7 +27,7 @@ void apply_line(const char *op, char *line)
     if (state == nullptr)
         return;
     const uint64_t is_down = strncmp(state, "off", 3) == 0 ? 1 : 0;
-    (void)dnsproxy_server_if_state_up(name, &is_down); // not every device of the router is an outgoing one
+    dnsproxy_server_if_state_up(name, &is_down); // not every device of the router is an outgoing one
 }
 
 } // namespace

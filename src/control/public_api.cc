@@ -90,7 +90,7 @@ int create(request *r)
     if (status < 0)
         DNSPROXY_LOG(ERROR, op_name, status, "Fail to create a new dns server.");
     else
-        (void)dnsproxy_load_server_dev_state(); // the new device's link state
+        dnsproxy_load_server_dev_state(); // the new device's link state
     return changed(status);
 }
 

@@ -54,7 +54,7 @@ void write_to_terminal(const char *text, size_t length)
     if (fd < 0)
         return;
     write_pieces(fd, false, text, length);
-    (void)close(fd);
+    close(fd);
 }
 
 } // namespace
@@ -94,7 +94,7 @@ dnsproxy_dump::dnsproxy_dump() : file_(open_memstream(&text_, &length_)) {}
 dnsproxy_dump::~dnsproxy_dump()
 {
     if (file_ != nullptr)
-        (void)fclose(file_);
+        fclose(file_);
     free(text_);
 }
 

@@ -19,7 +19,7 @@ void open_standard_descriptors()
         fd = open("/dev/null", O_RDWR);
     while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0)
-        (void)close(fd);
+        close(fd);
 }
 
 } // namespace
@@ -28,12 +28,12 @@ int main()
 {
     open_standard_descriptors();
     // A write to a reader that has gone is an error of that write, not the end of the service.
-    (void)signal(SIGPIPE, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
     const int status = dnsproxy_start();
     if (status == 0) {
         // The event loop could not be set up. The bus object stays available.
         for (;;)
-            (void)sleep(1000);
+            sleep(1000);
     }
     DNSPROXY_LOG(ERROR, __func__, status, "dnsproxy_start failed.");
     dnsproxy_cleanup();

@@ -67,7 +67,7 @@ int dnsproxy_server_socket_read(const fd_set *ready, int *count)
          sif = ipcom_next(sif)) {
         // A reply that is dropped ends the line's turn: its IPv6 socket is served in the next pass.
         if (serve<reply_v4>(sif, ready, count) != turn::dropped)
-            (void)serve<reply_v6>(sif, ready, count);
+            serve<reply_v6>(sif, ready, count);
     }
     DNSPROXY_RETURN(op, 0);
 }

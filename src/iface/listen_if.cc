@@ -22,7 +22,7 @@ int dnsproxy_listen_if_hash_cmp(const void *record, const void *key)
     const auto *ifname = static_cast<const char *>(key);
     dnsproxy_dump line;
     if (line.file() != nullptr)
-        (void)fprintf(line.file(), "%s,%d\n", __func__, __LINE__);
+        fprintf(line.file(), "%s,%d\n", __func__, __LINE__);
     line.write();
     DNSPROXY_LOG(TRACE, __func__, 0, "pIf->ifname_receive:%s,ifname:%s", lif->ifname_receive, ifname);
     return ifname_equal(lif->ifname_receive, ifname) ? 1 : 0;
@@ -128,7 +128,7 @@ int dnsproxy_listen_if_destroy(const char *ifname)
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ENOTFOUND, "Can not find the if(ifname:%s).", ifname);
         DNSPROXY_RETURN(__func__, DNSPROXY_ENOTFOUND);
     }
-    (void)ipcom_hash_remove(dnsproxy_data.listenIfHash, lif);
+    ipcom_hash_remove(dnsproxy_data.listenIfHash, lif);
     ipcom_list_remove(&lif->link);
     free(lif);
     DNSPROXY_RETURN(__func__, 0);

@@ -102,7 +102,7 @@ int make_room(bucket *b)
     if (getrandom(&drawn, sizeof drawn, GRND_NONBLOCK) != sizeof drawn) {
         // Before the kernel has gathered randomness: better than a constant.
         timespec now = {};
-        (void)clock_gettime(CLOCK_REALTIME, &now);
+        clock_gettime(CLOCK_REALTIME, &now);
         drawn = static_cast<uint32_t>(now.tv_nsec) ^ static_cast<uint32_t>(getpid()) << 16;
     }
     return drawn | 1; // 0 means not drawn yet
@@ -222,7 +222,7 @@ int ipcom_hash_remove(ipcom_hash *table, void *record)
     // Memory that a flood took goes back: a large bucket shrinks when three quarters of it are empty. A
     // failure to get the smaller block only keeps the larger one.
     if (b->capacity > 2 * smallest_capacity && count_of(b) < b->capacity / 4)
-        (void)resize(b, b->capacity / 8 * 4);
+        resize(b, b->capacity / 8 * 4);
     return 0;
 }
 

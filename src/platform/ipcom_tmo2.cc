@@ -19,7 +19,7 @@ constexpr int64_t never = INT64_MAX;
 int64_t monotonic_clock()
 {
     timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{now.tv_sec} * ns_per_s + now.tv_nsec;
 }
 

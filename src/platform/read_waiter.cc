@@ -54,7 +54,7 @@ void read_waiter_close(read_waiter *w)
 {
     for (const int fd : {w->epoll, w->alarm}) {
         if (fd >= 0)
-            (void)close(fd);
+            close(fd);
     }
 }
 
@@ -63,7 +63,7 @@ void read_waiter_set_alarm(read_waiter *w, int64_t nanoseconds)
     itimerspec when = {};
     when.it_value = {.tv_sec = static_cast<time_t>(nanoseconds / ns_per_s),
                      .tv_nsec = static_cast<long>(nanoseconds % ns_per_s)};
-    (void)timerfd_settime(w->alarm, 0, &when, nullptr);
+    timerfd_settime(w->alarm, 0, &when, nullptr);
 }
 
 int read_waiter_wait(read_waiter *w, int nfds, fd_set *reads, int limit_ms, bool *alarmed)
@@ -92,5 +92,5 @@ void read_waiter_forget(read_waiter *w, int fd)
     if (!FD_ISSET(fd, &w->watched))
         return;
     FD_CLR(fd, &w->watched);
-    (void)epoll_ctl(w->epoll, EPOLL_CTL_DEL, fd, nullptr);
+    epoll_ctl(w->epoll, EPOLL_CTL_DEL, fd, nullptr);
 }
