@@ -2,7 +2,7 @@
 #ifndef TOOLS_ASK_H
 #define TOOLS_ASK_H
 
-#include "lines.h"
+#include "wan_lines.h"
 
 struct question {
     const line *through;

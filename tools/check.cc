@@ -8,15 +8,14 @@
 
 #include "ask.h"
 #include "config/effect_devices.h"
-#include "config/lines.h"
+#include "config/resolver_file.h"
 #include "config/rule.h"
-#include "lines.h"
 #include "port53.h"
 #include "text.h"
+#include "wan_lines.h"
 
 namespace {
 
-constexpr char resolver_path[] = "/tmp/resolv.conf.auto";
 constexpr int most_served = 64;
 
 struct doctor {
@@ -220,7 +219,7 @@ bool check_heading(doctor *d, resolver_state *s, const char *logical)
 {
     char device[IF_NAMESIZE] = {};
     if (logical == nullptr) {
-        d->find("write #Interface NAME", "%s: a heading #Interface without a name", resolver_path);
+        d->find("write #Interface NAME", "%s: a heading #Interface without a name", DNSPROXY_RESOLVER_FILE);
         return true;
     }
     s->headings++;
@@ -228,14 +227,15 @@ bool check_heading(doctor *d, resolver_state *s, const char *logical)
         return true;
     if (dnsproxy_get_effect_devices(logical, device) < 0) {
         d->find("correct the name, or make the zone functions know it",
-                "%s: the zone functions give no device for %s, nothing from there on is read", resolver_path,
-                logical);
+                "%s: the zone functions give no device for %s, nothing from there on is read",
+                DNSPROXY_RESOLVER_FILE, logical);
         return false;
     }
     for (int i = 0; i < s->device_count; i++) {
         if (strcmp(s->devices[i], device) == 0) {
             d->find("give each device one section",
-                    "%s: a second section for %s, nothing from there on is read", resolver_path, device);
+                    "%s: a second section for %s, nothing from there on is read", DNSPROXY_RESOLVER_FILE,
+                    device);
             return false;
         }
     }
@@ -244,59 +244,47 @@ bool check_heading(doctor *d, resolver_state *s, const char *logical)
     return true;
 }
 
-bool is_address(const char *text)
-{
-    in6_addr v6 = {};
-    return strchr(text, ':') != nullptr ? inet_pton(AF_INET6, text, &v6) == 1
-                                        : inet_addr(text) != INADDR_NONE;
-}
-
 // False: a daemon stops reading here.
-bool check_resolver_line(doctor *d, resolver_state *s, char *text)
+bool check_resolver_entry(doctor *d, resolver_state *s, const resolver_entry &entry)
 {
-    static constexpr char blanks[] = " \t\r\n";
-    char *rest = nullptr;
-    const char *keyword = strtok_r(text, blanks, &rest);
-    const char *value = keyword != nullptr ? strtok_r(nullptr, blanks, &rest) : nullptr;
-    if (keyword == nullptr)
+    in6_addr address = {};
+    if (entry.is_heading())
+        return check_heading(d, s, entry.value);
+    if (entry.value == nullptr)
         return true;
-    if (strcmp(keyword, "#Interface") == 0)
-        return check_heading(d, s, value);
-    if (value == nullptr)
-        return true;
-    if (strcmp(keyword, "#") == 0 && strcmp(value, "Interface") == 0)
+    if (strcmp(entry.keyword, "#") == 0 && strcmp(entry.value, "Interface") == 0)
         s->blank_heading = true;
-    if (strcmp(keyword, "nameserver") != 0)
+    if (!entry.is_server())
         return true;
     s->server_too_early = s->server_too_early || s->headings == 0;
-    if (!is_address(value))
-        d->find("correct it", "%s: %s is no address", resolver_path, value);
+    if (resolver_address(entry.value, &address) == 0)
+        d->find("correct it", "%s: %s is no address", DNSPROXY_RESOLVER_FILE, entry.value);
     return true;
 }
 
 void check_resolver_file(doctor *d)
 {
-    text_file file(resolver_path);
+    resolver_file file;
     if (!file.is_open()) {
         d->find("have the network scripts write it",
-                "%s cannot be read, no line has servers at the next start", resolver_path);
+                "%s cannot be read, no line has servers at the next start", DNSPROXY_RESOLVER_FILE);
         return;
     }
     const int before = d->findings;
     resolver_state s = {};
-    for (char *text = file.next_line(); text != nullptr; text = file.next_line()) {
-        if (!check_resolver_line(d, &s, text))
+    for (resolver_entry entry = {}; file.next(&entry);) {
+        if (!check_resolver_entry(d, &s, entry))
             return;
     }
     if (s.blank_heading)
         d->find("write #Interface NAME, without the blank",
-                "%s: its headings are # Interface NAME, which are not read", resolver_path);
+                "%s: its headings are # Interface NAME, which are not read", DNSPROXY_RESOLVER_FILE);
     else if (s.headings == 0 && s.server_too_early)
         d->find("begin each line's servers with #Interface NAME",
-                "%s: no heading, its servers belong to no line", resolver_path);
+                "%s: no heading, its servers belong to no line", DNSPROXY_RESOLVER_FILE);
     else if (s.server_too_early)
         d->find("move them below a heading #Interface NAME",
-                "%s: servers before the first heading, which are not read", resolver_path);
+                "%s: servers before the first heading, which are not read", DNSPROXY_RESOLVER_FILE);
     else if (d->findings == before && d->can_map && !d->table.has_server())
         d->find("give one to a line: dnsproxyctl add NAME SERVER", "no line has a DNS server");
 }

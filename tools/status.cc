@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "lines.h"
+#include "wan_lines.h"
 #include "text.h"
 
 namespace {

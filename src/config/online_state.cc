@@ -5,7 +5,7 @@
 #include <cstring>
 #include <net/if.h>
 
-#include "config/lines.h"
+#include "config/text_file.h"
 #include "core/log.h"
 #include "iface/server_if.h"
 

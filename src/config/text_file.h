@@ -1,7 +1,7 @@
 // Reads the text files of the network scripts: lines through a fixed buffer, tokens by separators. A line
 // longer than the buffer is read in several pieces, each of which counts as a line.
-#ifndef CONFIG_LINES_H
-#define CONFIG_LINES_H
+#ifndef CONFIG_TEXT_FILE_H
+#define CONFIG_TEXT_FILE_H
 
 #include <cstdio>
 

@@ -1,4 +1,4 @@
-#include "lines.h"
+#include "wan_lines.h"
 
 #include <dnsproxy/client.h>
 
@@ -11,7 +11,6 @@
 
 #include "answer.h"
 #include "config/effect_devices.h"
-#include "config/lines.h"
 #include "config/resolver_file.h"
 #include "config/rule.h"
 #include "iface/listen_if.h"
@@ -98,13 +97,10 @@ bool read_line_of_rule(const dnsproxy_rule *rule, void *table)
 // The lines that the files name.
 void read_named_lines(line_table *table)
 {
-    text_file file("/tmp/resolv.conf.auto");
-    while (char *text = file.is_open() ? file.next_line() : nullptr) {
-        char *rest = nullptr;
-        const char *keyword = strtok_r(text, " \t\r\n", &rest);
-        const char *logical = strtok_r(nullptr, " \t\r\n", &rest);
-        if (keyword != nullptr && logical != nullptr && strcmp(keyword, "#Interface") == 0)
-            read_line(table, logical);
+    resolver_file file;
+    for (resolver_entry entry = {}; file.is_open() && file.next(&entry);) {
+        if (entry.is_heading() && entry.value != nullptr)
+            read_line(table, entry.value);
     }
     (void)rules_walk(read_line_of_rule, table);
 }

@@ -1,8 +1,8 @@
 // The outgoing lines with their servers, as the running daemon has them, gathered from everything that tells
 // of them: the request pipe (servers), the bus (link states) and the last dump (uses). Where no daemon
 // answers, as the resolver file gives them: what a daemon that is started would have.
-#ifndef TOOLS_LINES_H
-#define TOOLS_LINES_H
+#ifndef TOOLS_WAN_LINES_H
+#define TOOLS_WAN_LINES_H
 
 #include <net/if.h>
 #include <netinet/in.h>
