@@ -55,6 +55,7 @@ struct cache_v4 : ipv4 {
     static constexpr char msg_moved[] = "Update dnsproxy cache server if(oldifname:%s newifname:%s).";
 
     static constexpr auto on_expiry = dnsproxy_entry_timeout;
+    static constexpr auto records = &dnsproxy_data::recordCounters;
 
     static void set_host(entry *e, const key &k) { e->from = k.from; }
     static uint32_t hash_address(const key &k) { return hash_field(k.from, 0); }
@@ -81,6 +82,7 @@ struct cache_v6 : ipv6 {
     static constexpr char msg_moved[] = "Update IPv6 dnsproxy cache server if(oldifname:%s newifname:%s).";
 
     static constexpr auto on_expiry = dnsproxy_entry_timeout_v6;
+    static constexpr auto records = &dnsproxy_data::recordCounters6;
 
     static void set_host(entry *e, const key &k)
     {
@@ -198,6 +200,7 @@ template <class C> int add(const typename C::key &host, uint16_t new_id, const c
         DNSPROXY_RETURN(C::op_add, DNSPROXY_ERESOURCE);
     }
     ipcom_list_insert_last(&(dnsproxy_data.*C::list), &e->link);
+    count(&(dnsproxy_data.*C::records).made);
     DNSPROXY_RETURN(C::op_add, armed);
 }
 
@@ -234,6 +237,16 @@ template <class C> void move_index(dnsproxy_server_if *sif)
     move_cache_server<C>(sif->ifname);
 }
 
+// A line that was deleted and added again since has not sent the query.
+template <class C> void count_end(dnsproxy_server_if *sif, const typename C::entry *e)
+{
+    count(&(dnsproxy_data.*C::records).ended);
+    if (sif == nullptr || entry_sent_at(*e) < sif->made_at)
+        return;
+    line_counters &line = sif->*C::counters;
+    count((e->flags & DNSPROXY_ENTRY_ANSWERED) != 0 ? &line.answered : &line.expired);
+}
+
 template <class C> int expire(typename C::entry *e)
 {
     dnsproxy_server_if *sif = dnsproxy_server_if_get(e->ifname);
@@ -243,6 +256,7 @@ template <class C> int expire(typename C::entry *e)
         sif->dnsIndex = e->dnsIndex;
     else if (sif->dnsIndex == e->dnsIndex)
         move_index<C>(sif);
+    count_end<C>(sif, e);
     ipcom_list_remove(&e->link);
     dnsproxy_noreply_count();
     (void)ipcom_hash_remove(dnsproxy_data.*C::hosts, e);

@@ -67,8 +67,10 @@ template <class F> bool send_to(query<F> *q, dnsproxy_server_if *sif, int slot, 
 {
     const auto to = F::destination(sif, slot);
     F::trace_destination(to);
+    line_counters *counters = &(sif->*F::counters);
     *status = F::socket_check(sif);
     if (*status < 0) {
+        count(&counters->failed);
         DNSPROXY_LOG(DEBUG, F::op, *status, "Fail to check server socket(ifname:%s).", sif->ifname);
         return false;
     }
@@ -83,9 +85,11 @@ template <class F> bool send_to(query<F> *q, dnsproxy_server_if *sif, int slot, 
                  static_cast<int>(q->length));
     F::trace_sent(sif, to);
     if (sent < static_cast<ssize_t>(q->length)) {
+        count(&counters->failed);
         DNSPROXY_LOG(ERROR, F::op, *status, F::msg_send);
         return false;
     }
+    count_sent(counters, slot);
     dnsproxy_pending_id_set(q->new_id);
     if (q->recorded)
         return true;

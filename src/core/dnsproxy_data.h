@@ -7,6 +7,7 @@
 #include <net/if.h>
 #include <pthread.h>
 
+#include "core/counters.h"
 #include "core/platform/ipcom_hash.h"
 #include "core/platform/ipcom_list.h"
 #include "core/platform/ipcom_tmo2.h"
@@ -52,6 +53,12 @@ struct dnsproxy_data {
     bool upstreamFdsChanged = true; // since the read set of the wait was built
     int32_t specIface;              // 1: the latest query came in on a forced listen interface
     uint8_t pendingIdMap[128];      // 1024 bits
+
+    int64_t startedAt; // nanoseconds of the timer service's clock
+    query_counters queryCounters;
+    query_counters queryCounters6;
+    record_counters recordCounters;
+    record_counters recordCounters6;
 
     int intfFd;
     struct if_nameindex *ifNameIndex; // nullptr: empty

@@ -24,6 +24,7 @@ struct ipv4 {
 
     static constexpr auto fd = &dnsproxy_server_if::serverFd;
     static constexpr auto tmo = &dnsproxy_server_if::serverTmo;
+    static constexpr auto counters = &dnsproxy_server_if::counters;
 
     static bool slot_passes(slot_check check, const dnsproxy_server_if *sif, int slot)
     {
@@ -43,6 +44,11 @@ struct ipv4 {
         to.sin_addr.s_addr = static_cast<uint32_t>(sif->dnsServer[slot]);
         return to;
     }
+
+    static bool is_server(const dnsproxy_server_if *sif, int slot, const sockaddr_in &sender)
+    {
+        return sender.sin_addr.s_addr == static_cast<uint32_t>(sif->dnsServer[slot]);
+    }
 };
 
 struct ipv6 {
@@ -52,6 +58,7 @@ struct ipv6 {
 
     static constexpr auto fd = &dnsproxy_server_if::serverFd6;
     static constexpr auto tmo = &dnsproxy_server_if::serverTmo6;
+    static constexpr auto counters = &dnsproxy_server_if::counters6;
 
     static bool slot_passes(slot_check check, const dnsproxy_server_if *sif, int slot)
     {
@@ -75,6 +82,11 @@ struct ipv6 {
         to.sin6_port = htons(DNSPROXY_DNS_PORT);
         to.sin6_addr = sif->dnsServer6[slot].sin6_addr;
         return to;
+    }
+
+    static bool is_server(const dnsproxy_server_if *sif, int slot, const sockaddr_in6 &sender)
+    {
+        return IN6_ARE_ADDR_EQUAL(&sender.sin6_addr, &sif->dnsServer6[slot].sin6_addr);
     }
 };
 

@@ -10,6 +10,7 @@
 #include "core/log.h"
 #include "core/platform/fd_bits.h"
 #include "iface/family.h"
+#include "iface/ifname.h"
 #include "net/pending_id.h"
 
 namespace {
@@ -72,9 +73,26 @@ struct reply_v6 : ipv6 {
     }
 };
 
+// A reply is its sender's. One from elsewhere is put down to the server that the record names, if that is of
+// this line.
+template <class F, class Entry>
+void count_reply_of(dnsproxy_server_if *sif, const typename F::sockaddr_type &sender, const Entry &entry)
+{
+    int slot = 0;
+    while (slot < DNSPROXY_SERVER_SLOTS && !F::is_server(sif, slot, sender))
+        slot++;
+    if (slot == DNSPROXY_SERVER_SLOTS) {
+        if (!ifname_equal(sif->ifname, entry.ifname))
+            return;
+        slot = entry.dnsIndex;
+    }
+    count_reply(&(sif->*F::counters).slots[slot],
+                ipcom_tmo2_now(dnsproxy_data.tmo2Head) - entry_sent_at(entry));
+}
+
 // Serves one socket of a device, if it is ready. False: it was read and nothing good came of it, which ends
 // the device's turn.
-template <class F> bool serve(const dnsproxy_server_if *sif, const fd_set *ready, int *count)
+template <class F> bool serve(dnsproxy_server_if *sif, const fd_set *ready, int *count)
 {
     const int fd = sif->*F::fd;
     if (fd <= 0 || *count <= 0 || !fd_bits_has(ready, fd))
@@ -84,7 +102,10 @@ template <class F> bool serve(const dnsproxy_server_if *sif, const fd_set *ready
     uint8_t message[DNSPROXY_MESSAGE_SIZE];
     memset(message, 0, DNSPROXY_HEADER_SIZE); // a short reply has no flags
     // Whoever sent it: a reply is matched by its identifier alone.
-    const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT, nullptr, nullptr);
+    typename F::sockaddr_type sender = {};
+    socklen_t sender_length = sizeof sender;
+    const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT,
+                                 reinterpret_cast<sockaddr *>(&sender), &sender_length);
     if (got < 0) {
         DNSPROXY_LOG(ERROR, op, static_cast<int>(got), F::msg_recv, sif->ifname);
         return false;
@@ -112,6 +133,7 @@ template <class F> bool serve(const dnsproxy_server_if *sif, const fd_set *ready
     }
     dnsproxy_noreply_reset();
     entry->flags |= DNSPROXY_ENTRY_ANSWERED;
+    count_reply_of<F>(sif, sender, *entry);
     return true;
 }
 

@@ -37,6 +37,7 @@ struct request_v4 : ipv4 {
     using host_type = query_host_v4;
     using query_type = query<request_v4>;
     static constexpr auto listen_fd = &dnsproxy_data::listenFd;
+    static constexpr auto queries = &dnsproxy_data::queryCounters;
     static constexpr auto socket_check = dnsproxy_server_socket_check;
     static constexpr int pktinfo_level = IPPROTO_IP;
     static constexpr int pktinfo_type = IP_PKTINFO;
@@ -105,6 +106,7 @@ struct request_v6 : ipv6 {
     using host_type = query_host_v6;
     using query_type = query<request_v6>;
     static constexpr auto listen_fd = &dnsproxy_data::listenFd6;
+    static constexpr auto queries = &dnsproxy_data::queryCounters6;
     static constexpr auto socket_check = dnsproxy_server_socket_check_v6;
     static constexpr int pktinfo_level = IPPROTO_IPV6;
     static constexpr int pktinfo_type = IPV6_PKTINFO;
@@ -297,11 +299,13 @@ template <class F> int send_forced(query<F> *q, const dnsproxy_listen_if *lif)
     bool repeated = false;
     const uint16_t new_id = query_identify(host, id, &dnsproxy_data.nextNewId, &repeated);
     dns_set_id(q->message, new_id);
-    sif->useCount++;
+    count(&sif->useCount);
 
     const auto to = F::destination(sif, slot);
+    line_counters *counters = &(sif->*F::counters);
     int status = F::socket_check(sif);
     if (status < 0) {
+        count(&counters->failed);
         DNSPROXY_LOG(DEBUG, F::op, status, F::msg_check, sif->ifname);
         return status;
     }
@@ -312,11 +316,13 @@ template <class F> int send_forced(query<F> *q, const dnsproxy_listen_if *lif)
     DNSPROXY_LOG(TRACE, F::op, 0, "sendsize:%d,recvsize:%d,errno:%d", static_cast<int>(sent),
                  static_cast<int>(q->length), error);
     if (sent < static_cast<ssize_t>(q->length)) {
+        count(&counters->failed);
         if (sent < 0 && device_has_gone(sif->*F::fd, error))
             close_dead_socket<F>(sif);
         DNSPROXY_LOG(ERROR, F::op, status, F::msg_send);
         return status;
     }
+    count_sent(counters, slot);
     if (repeated)
         return status;
     status = host.remember(id, new_id, sif->ifname, slot);
@@ -335,11 +341,15 @@ template <class F> int handle_query()
     if (q.length < DNSPROXY_ID_SIZE)
         return 0; // no identifier: dropped, and no reason to end the loop's pass
     const dnsproxy_listen_if *lif = find_listen_if(&q);
+    query_counters *queries = &(dnsproxy_data.*F::queries);
     if (lif == nullptr) {
+        count(&queries->refused);
         DNSPROXY_LOG(TRACE, F::op, DNSPROXY_ENOTSERVED, F::msg_not_served);
         return DNSPROXY_ENOTSERVED;
     }
-    return lif->specify != 0 ? send_forced(&q, lif) : send_free(&q, lif);
+    const bool forced = lif->specify != 0;
+    count(forced ? &queries->forced : &queries->free);
+    return forced ? send_forced(&q, lif) : send_free(&q, lif);
 }
 
 } // namespace
