@@ -76,6 +76,7 @@ line_opinion *add_opinion(watcher *w, const line &l)
     *o = {};
     memcpy(o->device, l.device, sizeof o->device);
     (void)snprintf(o->name, sizeof o->name, "%s", l.name());
+    o->applied = true;
     return o;
 }
 
