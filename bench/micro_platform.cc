@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "cache/cache_entry.h"
-#include "core/platform/ipcom_hash.h"
-#include "core/platform/ipcom_tmo2.h"
+#include "platform/ipcom_hash.h"
+#include "platform/ipcom_tmo2.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "config/effect_devices.h"
 #include "config/resolver_file.h"
 #include "config/rule.h"
-#include "iface/listen_if.h"
+#include "iface/if_init.h"
 #include "iface/server_if.h"
 #include "request.h"
 

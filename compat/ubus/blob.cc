@@ -50,6 +50,14 @@ size_t blob_pad_len(const blob_attr *attr)
     return blob_padded(blob_raw_len(attr));
 }
 
+// A caller that goes on after a failed call makes the real library use a stray address, mostly null. This one
+// ends the process too, so that a missing test of a result is seen on every machine.
+static void require_result(const void *result)
+{
+    if (result == nullptr)
+        abort();
+}
+
 static bool grow(blob_buf *buf, int minlen)
 {
     const size_t old = static_cast<size_t>(buf->buflen);
@@ -123,8 +131,7 @@ void blob_buf_free(blob_buf *buf)
 
 blob_attr *blob_append(blob_buf *buf, uint32_t kind, size_t size)
 {
-    if (buf->head == nullptr)
-        return nullptr;
+    require_result(buf->head);
     blob_attr *const attr = place(buf, kind, size);
     if (attr != nullptr)
         set_raw_len(buf->head, blob_pad_len(buf->head) + blob_pad_len(attr));
@@ -134,8 +141,7 @@ blob_attr *blob_append(blob_buf *buf, uint32_t kind, size_t size)
 // The cookie is the outer attribute's offset plus 1: offsets survive a move of the memory, and none is null.
 void *blob_nest(blob_buf *buf, uint32_t kind, size_t size)
 {
-    if (buf->head == nullptr)
-        return nullptr;
+    require_result(buf->head);
     blob_attr *const attr = place(buf, kind, size);
     if (attr == nullptr)
         return nullptr;
@@ -147,8 +153,8 @@ void *blob_nest(blob_buf *buf, uint32_t kind, size_t size)
 
 void blob_nest_end(blob_buf *buf, void *cookie)
 {
-    if (cookie == nullptr)
-        return;
+    require_result(buf->head);
+    require_result(cookie);
     blob_attr *const outer = at(buf, reinterpret_cast<size_t>(cookie) - 1);
     set_raw_len(outer, blob_pad_len(outer) + blob_pad_len(buf->head));
     buf->head = outer;

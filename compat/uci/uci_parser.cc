@@ -72,10 +72,12 @@ static bool next_line(parser *p)
     return true;
 }
 
-// Behind a backslash: takes the next byte as it is, or drops the line feed and goes on with the next line.
+// Behind a backslash: takes the next byte as it is, or drops the line's end, LF or CR LF, and goes on with
+// the next line. The count of bytes goes on where the dropped end stood.
 static void read_escaped(parser *p, char **out)
 {
-    if (p->at == p->lineEnd || *p->at == '\n')
+    const bool crlf = p->lineEnd - p->at >= 2 && p->at[0] == '\r' && p->at[1] == '\n';
+    if (p->at == p->lineEnd || *p->at == '\n' || crlf)
         (void)next_line(p); // at the end of the file nothing is joined
     else
         *(*out)++ = *p->at++;
@@ -127,8 +129,6 @@ static void skip_white(parser *p)
                 return status;
         } else if (*p->at == '\\') {
             ++p->at;
-            if (p->lineEnd - p->at >= 2 && p->at[0] == '\r' && p->at[1] == '\n')
-                ++p->at;
             read_escaped(p, &out);
         } else {
             *out++ = *p->at++;

@@ -9,8 +9,8 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
-#include "core/platform/ipcom_list.h"
-#include "core/platform/ipcom_tmo2.h"
+#include "platform/ipcom_list.h"
+#include "platform/ipcom_tmo2.h"
 
 constexpr uint64_t DNSPROXY_ENTRY_ANSWERED = 1; // bit of `flags`: a reply was accepted
 

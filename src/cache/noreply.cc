@@ -2,8 +2,8 @@
 
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
-#include "core/platform/mutex_guard.h"
-#include "core/platform/nms_event.h"
+#include "platform/mutex_guard.h"
+#include "platform/nms_event.h"
 
 namespace {
 

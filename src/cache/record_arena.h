@@ -1,7 +1,9 @@
 // Memory for records that all live equally long, and so end in about the order in which they were made. They
-// stand side by side in slabs, and a slab is given back as a whole with the last of its records: no record
-// costs an allocator's search, and those that expire one after the other are found one after the other in
-// memory. A flood's slabs go back when its records have ended.
+// stand side by side in slabs, and a slab is freed with the last of its records: no record costs an
+// allocator's search, and records that expire one after the other are neighbours in memory. A flood's slabs
+// go back when its records have ended.
+//
+// AddressSanitizer takes a record that has ended, or was not handed out yet, for freed memory.
 #ifndef CACHE_RECORD_ARENA_H
 #define CACHE_RECORD_ARENA_H
 
@@ -19,8 +21,5 @@ void *record_arena_take(record_arena *arena);
 
 // Ends a record that was taken from this arena.
 void record_arena_give_back(record_arena *arena, void *record);
-
-// Frees what is left when every record has ended.
-void record_arena_clear(record_arena *arena);
 
 #endif

@@ -9,8 +9,8 @@
 #include "control/own_signals.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
-#include "core/platform/mutex_guard.h"
 #include "iface/server_if.h"
+#include "platform/mutex_guard.h"
 
 namespace {
 
@@ -60,23 +60,35 @@ int dnsproxy_update_if(ubus_context *, ubus_object *, ubus_request_data *, const
     return UBUS_STATUS_OK;
 }
 
-void dnsproxy_server_if_fillState(blob_buf *buf)
+bool add_state(blob_buf *buf, const dnsproxy_server_if *sif)
+{
+    void *table = blobmsg_open_nested(buf, sif->ifname, false);
+    if (table == nullptr)
+        return false;
+    const bool added = blobmsg_add_string(buf, "dev", sif->ifname) == 0 &&
+                       blobmsg_add_string(buf, "status", server_if_is_down(sif) ? "off" : "on") == 0;
+    blob_nest_end(buf, table);
+    return added;
+}
+
+// False: there was no memory, and the message lacks what did not fit. The message itself must have been made:
+// the library would follow a null pointer.
+bool dnsproxy_server_if_fillState(blob_buf *buf)
 {
     const mutex_guard lock(&dnsproxy_data.serverIfLock);
     for (const auto *sif = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList); sif != nullptr;
          sif = ipcom_next(sif)) {
-        void *table = blobmsg_open_nested(buf, sif->ifname, false);
-        (void)blobmsg_add_string(buf, "dev", sif->ifname);
-        (void)blobmsg_add_string(buf, "status", server_if_is_down(sif) ? "off" : "on");
-        blob_nest_end(buf, table);
+        if (!add_state(buf, sif))
+            return false;
     }
+    return true;
 }
 
 int dnsproxy_get_state(ubus_context *ctx, ubus_object *, ubus_request_data *request, const char *,
                        blob_attr *)
 {
-    (void)blob_buf_init(&reply_buf, 0);
-    dnsproxy_server_if_fillState(&reply_buf);
+    if (blob_buf_init(&reply_buf, 0) != 0 || !dnsproxy_server_if_fillState(&reply_buf))
+        return UBUS_STATUS_UNKNOWN_ERROR;
     (void)ubus_send_reply(ctx, request, reply_buf.head); // a caller that has gone misses nothing
     return UBUS_STATUS_OK;
 }

@@ -16,7 +16,7 @@
 
 #include "control/client_call.h"
 #include "control/public_msg.h"
-#include "core/platform/qxcom_nmpipe.h"
+#include "platform/qxcom_nmpipe.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include "control/public_msg.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
-#include "core/platform/qxcom_nmpipe.h"
 #include "core/status.h"
 #include "iface/if_show.h"
 #include "iface/server_if.h"
+#include "platform/qxcom_nmpipe.h"
 
 namespace {
 

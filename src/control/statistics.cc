@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "core/dnsproxy_data.h"
-#include "core/platform/ipcom_tmo2.h"
-#include "core/platform/mutex_guard.h"
-#include "iface/server_if.h"
+#include "iface/server_record.h"
+#include "platform/ipcom_tmo2.h"
+#include "platform/mutex_guard.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
 #include "iface/listen_if.h"
-#include "iface/server_if.h"
+#include "iface/server_record.h"
 
 static void show_listen_if(FILE *out, const dnsproxy_listen_if *lif)
 {

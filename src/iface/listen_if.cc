@@ -7,13 +7,13 @@
 #include "core/log.h"
 #include "core/status.h"
 #include "iface/ifname.h"
-#include "iface/server_if.h"
 
 static uint32_t hash_of_record(const void *record)
 {
     return ifname_hash(static_cast<const dnsproxy_listen_if *>(record)->ifname_receive);
 }
 
+// Prints a line whatever the log threshold: that line is part of the daemon's output.
 static int dnsproxy_listen_if_hash_cmp(const void *record, const void *key)
 {
     const auto *lif = static_cast<const dnsproxy_listen_if *>(record);
@@ -26,30 +26,17 @@ static int dnsproxy_listen_if_hash_cmp(const void *record, const void *key)
     return ifname_equal(lif->ifname_receive, ifname) ? 1 : 0;
 }
 
-int dnsproxy_if_init()
+int listen_if_table_init()
 {
-    ipcom_list_init(&dnsproxy_data.listenIfList);
-    ipcom_list_init(&dnsproxy_data.serverIfList);
     dnsproxy_data.listenIfHash = ipcom_hash_new(hash_of_record, ifname_hash, dnsproxy_listen_if_hash_cmp);
-    if (dnsproxy_data.listenIfHash == nullptr) {
-        DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ERESOURCE, "Fail to create listen if hash table.");
-        DNSPROXY_RETURN(__func__, DNSPROXY_ERESOURCE);
-    }
-    if (server_if_table_init() != 0) {
-        DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ERESOURCE, "Fail to create server if hash table.");
-        DNSPROXY_RETURN(__func__, DNSPROXY_ERESOURCE);
-    }
-    DNSPROXY_RETURN(__func__, 0);
+    return dnsproxy_data.listenIfHash == nullptr ? DNSPROXY_ERESOURCE : 0;
 }
 
-void dnsproxy_if_deinit()
+void listen_if_table_deinit()
 {
-    if (dnsproxy_data.listenIfHash != nullptr) {
+    if (dnsproxy_data.listenIfHash != nullptr)
         ipcom_hash_delete(dnsproxy_data.listenIfHash);
-        dnsproxy_data.listenIfHash = nullptr;
-    }
-    server_if_table_deinit();
-    DNSPROXY_LOG(TRACE, __func__, 0, "%s", "");
+    dnsproxy_data.listenIfHash = nullptr;
 }
 
 static void set_forcing(dnsproxy_listen_if *lif, int specify, const char *out_ifname)

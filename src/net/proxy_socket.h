@@ -29,8 +29,4 @@
 int dnsproxy_server_socket_timeout(void *sif);
 int dnsproxy_server_socket_timeout_v6(void *sif);
 
-// socket(2), close-on-exec and fit for the loop's descriptor sets: one that is not below FD_SETSIZE is closed
-// at once and counts as not opened (-1, EMFILE).
-[[nodiscard]] int net_socket(int family, int type, int protocol);
-
 #endif

@@ -2,7 +2,7 @@
 
 #include "cache/cache_server.h"
 #include "cache/noreply.h"
-#include "core/platform/nms_event.h"
+#include "platform/nms_event.h"
 #include "core/status.h"
 #include "tests/support/daemon_state.h"
 #include "tests/support/log_capture.h"
@@ -19,6 +19,7 @@ struct v4 {
     static auto *find(int n, uint16_t port, uint16_t id) { return dnsproxy_entry_find(host(n), port, id); }
     static auto *by_id(uint16_t new_id) { return dnsproxy_entry_findById(new_id); }
     static const ipcom_list &list() { return dnsproxy_data.cacheList; }
+    static constexpr auto deinit = dnsproxy_cache_deinit;
     static void clear_slot(dnsproxy_server_if *sif, int slot) { sif->dnsServer[slot] = 0; }
 };
 
@@ -42,6 +43,7 @@ struct v6 {
     }
     static auto *by_id(uint16_t new_id) { return dnsproxy_entry_findById_v6(new_id); }
     static const ipcom_list &list() { return dnsproxy_data.cacheList6; }
+    static constexpr auto deinit = dnsproxy_cache_deinit_v6;
     static void clear_slot(dnsproxy_server_if *sif, int slot) { sif->dnsServer6[slot] = {}; }
 };
 
@@ -72,6 +74,21 @@ TYPED_TEST(request_cache, a_record_is_found_by_its_host_and_by_its_identifier)
     ASSERT_GE(F::add(1, 1001, 7, 102, "wan1", 1), 0);
     EXPECT_EQ(F::list().size, 3);
     EXPECT_EQ(F::find(1, 1001, 7)->new_id, 102);
+}
+
+TYPED_TEST(request_cache, records_and_timers_outlive_the_tables)
+{
+    using F = TypeParam;
+    for (uint16_t id = 0; id < 3; id++)
+        ASSERT_GE(F::add(1, 1000, id, id, "wan1", 0), 0);
+    F::deinit();
+    for (uint16_t id = 0; id < 3; id++) {
+        auto *entry = reinterpret_cast<decltype(F::find(1, 1000, 7))>(ipcom_list_first(&F::list()));
+        EXPECT_EQ(entry->new_id, id);
+        EXPECT_NE(entry->tmo.queue, nullptr);
+        ipcom_tmo2_cancel(&entry->tmo);
+        ipcom_list_remove(&entry->link);
+    }
 }
 
 TYPED_TEST(request_cache, records_live_ten_seconds_from_their_creation)

@@ -5,6 +5,7 @@ extern "C" {
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -145,6 +146,29 @@ TEST(blobmsg, refuses_what_no_length_can_tell)
     EXPECT_EQ(blobmsg_add_string(&b, "y", big.c_str()), -1);
     blob_nest_end(&b, table);
     EXPECT_EQ(b.bytes().size(), before.size() + 8 + 8 + big.size() + 4);
+}
+
+TEST(blobmsg, failed_results_must_be_tested)
+{
+    static constexpr struct {
+        const char *name;
+        bool started; // else its memory could not be had
+        void (*go_on)(blob_buf *b);
+    } rows[] = {
+        {"close what was not opened", true, [](blob_buf *b) { blob_nest_end(b, nullptr); }},
+        {"add a string", false, [](blob_buf *b) { blobmsg_add_string(b, "dev", "eth0"); }},
+        {"add a number", false, [](blob_buf *b) { blobmsg_add_u32(b, "n", 1); }},
+        {"open a table", false, [](blob_buf *b) { (void)blobmsg_open_nested(b, "eth0", false); }},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        blob_buf b = {};
+        if (!row.started)
+            b.grow = [](blob_buf *, int) { return false; };
+        ASSERT_EQ(blob_buf_init(&b, 0), row.started ? 0 : -ENOMEM);
+        EXPECT_EXIT(row.go_on(&b), testing::KilledBySignal(SIGABRT), "");
+        blob_buf_free(&b);
+    }
 }
 
 TEST(blobmsg, parses_these_bytes)

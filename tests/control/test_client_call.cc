@@ -24,7 +24,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/platform/qxcom_nmpipe.h"
+#include "platform/qxcom_nmpipe.h"
 #include "tests/support/sandbox.h"
 
 namespace fs = std::filesystem;
@@ -253,7 +253,7 @@ TEST_F(client_call, stores_the_reply)
 TEST_F(client_call, list_of_any_length_arrives_whole)
 {
     for (const uint32_t op : {DNSPROXY_DNS_SERVER_GETADDRS, DNSPROXY_DNS_SERVER_GETIFS}) {
-        for (const size_t length : {0, 1, 4095, 4096, 4097, 40000}) {
+        for (const size_t length : {0U, 1U, 4095U, 4096U, 4097U, 40000U}) {
             std::string list(length, '\0');
             for (size_t i = 0; i < length; i++)
                 list[i] = static_cast<char>(i * 7 / 5);

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "core/platform/qxcom_nmpipe.h"
+#include "platform/qxcom_nmpipe.h"
 #include "core/status.h"
 #include "tests/support/daemon_state.h"
 #include "tests/support/log_capture.h"

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
+#include <libubus.h>
 #include <net/if.h>
 #include <string>
 #include <sys/epoll.h>
@@ -14,13 +15,15 @@
 #include <unistd.h>
 
 #include "config/online_state.h"
+#include "control/bus.h"
 #include "control/public_api.h"
-#include "core/event_loop.h"
-#include "core/platform/qxcom_nmpipe.h"
+#include "core/data_init.h"
+#include "daemon/event_loop.h"
+#include "forward/request.h"
 #include "iface/if_show.h"
 #include "net/intf_monitor.h"
 #include "net/proxy_socket.h"
-#include "net/request.h"
+#include "platform/qxcom_nmpipe.h"
 #include "tests/support/daemon_state.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox.h"
@@ -64,6 +67,7 @@ enum outcome { SERVES = 10, SERVES_UNTOUCHED, STAYS, ENDS };
 
 FAILING(void *, malloc, nullptr, (size_t size), (size))
 FAILING(void *, calloc, nullptr, (size_t count, size_t size), (count, size))
+FAILING(void *, realloc, nullptr, (void *block, size_t size), (block, size))
 FAILING(int, socket, -1, (int family, int type, int protocol), (family, type, protocol))
 FAILING(int, epoll_create1, -1, (int flags), (flags))
 FAILING(int, epoll_ctl, -1, (int epoll, int op, int fd, epoll_event *event), (epoll, op, fd, event))
@@ -120,11 +124,40 @@ extern "C" int __wrap_epoll_wait(int epoll, epoll_event *ready, int size, int li
     return __real_epoll_wait(epoll, ready, size, limit_ms);
 }
 
-// The bus has threads and tests of its own.
-extern "C" int __wrap_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *)
+// The bus has a thread and tests of its own; here its object is published and then called by the test.
+namespace {
+
+void *(*bus_thread)(void *);
+const ubus_object *bus_object;
+ubus_context bus;
+int replies;
+
+} // namespace
+
+extern "C" int __wrap_pthread_create(pthread_t *, const pthread_attr_t *, void *(*body)(void *), void *)
 {
+    bus_thread = body;
     return EAGAIN;
 }
+
+extern "C" ubus_context *__wrap_ubus_connect(const char *)
+{
+    return &bus;
+}
+
+extern "C" int __wrap_ubus_add_object(ubus_context *, ubus_object *object)
+{
+    bus_object = object;
+    return UBUS_STATUS_NOT_SUPPORTED; // ends the thread's work
+}
+
+extern "C" int __wrap_ubus_send_reply(ubus_context *, ubus_request_data *, blob_attr *)
+{
+    replies++;
+    return 0;
+}
+
+extern "C" void __wrap_ubus_free(ubus_context *) {}
 
 namespace {
 
@@ -327,6 +360,28 @@ protected:
     int in_flight_[2] = {};
     uint16_t id_ = 1;
 };
+
+TEST_F(at_work, the_bus_object_reports_all_lines_or_an_error)
+{
+    for (int i = 0; i < 40; i++)
+        add_server_if(("wan" + std::to_string(i)).c_str(), "10.0.1.53", "");
+    (void)dnsproxy_ubus_start();
+    (void)bus_thread(nullptr);
+    const ubus_method &get_state = bus_object->methods[1];
+    ASSERT_STREQ(get_state.name, "get_state");
+    int failures = 0;
+    // The message's memory is kept from call to call, and so fails less and less.
+    while (fault.left < 0 && failures < 20) {
+        fail_after("realloc", failures == 0 ? 0 : 1);
+        replies = 0;
+        const int status = get_state.handler(&bus, nullptr, nullptr, "get_state", nullptr);
+        EXPECT_EQ(status == UBUS_STATUS_OK, replies == 1);
+        EXPECT_EQ(status != UBUS_STATUS_OK, fault.hit);
+        failures += fault.hit ? 1 : 0;
+    }
+    fault.left = -1;
+    EXPECT_GT(failures, 2) << "at the message, and within it";
+}
 
 TEST_F(at_work, is_whole_again_after_a_call_that_failed)
 {

@@ -13,9 +13,9 @@
 #include <sys/timerfd.h>
 
 #include "core/dnsproxy_data.h"
-#include "core/platform/ipcom_tmo2.h"
-#include "core/platform/nms_event.h"
-#include "core/platform/qxcom_nmpipe.h"
+#include "platform/ipcom_tmo2.h"
+#include "platform/nms_event.h"
+#include "platform/qxcom_nmpipe.h"
 
 fake_system sys;
 const char reply_pipe[] = "reply";

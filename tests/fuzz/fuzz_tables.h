@@ -4,7 +4,9 @@
 
 #include <string>
 
+#include "core/data_init.h"
 #include "core/dnsproxy_data.h"
+#include "iface/if_init.h"
 #include "iface/listen_if.h"
 #include "iface/server_if.h"
 #include "tests/fuzz/fuzz.h"

@@ -9,8 +9,10 @@
 #include <set>
 
 #include "cache/request_cache.h"
-#include "core/event_loop.h"
-#include "core/start.h"
+#include "core/data_init.h"
+#include "daemon/event_loop.h"
+#include "daemon/start.h"
+#include "iface/if_init.h"
 #include "iface/listen_if.h"
 #include "tests/fuzz/model.h"
 
@@ -227,9 +229,7 @@ void check_wake(int limit_ms)
     int64_t wake = INT64_MAX;
     for (const ipcom_tmo2 &t : timers) {
         must(t.deadline > ipcom_tmo2_clock(), "what is due has run");
-        const bool of_record =
-            t.callback == dnsproxy_entry_timeout || t.callback == dnsproxy_entry_timeout_v6;
-        wake = std::min(wake, t.deadline + (of_record ? record_life_ns : socket_life_ns) / 32);
+        wake = std::min(wake, t.deadline + lateness_ns);
     }
     must(limit_ms == -1, "the daemon waits for descriptors and the alarm");
     must(sys.alarm_at <= wake, "the daemon wakes for the first timer");

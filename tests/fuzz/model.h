@@ -13,6 +13,7 @@
 #include "tests/fuzz/fake_system.h"
 
 constexpr int64_t record_life_ns = 10'000'000'000;
+constexpr int64_t lateness_ns = 100'000'000; // of an expiry while nothing else wakes the daemon
 constexpr int64_t socket_life_ns = 60'000'000'000;
 
 // Who asked what: what makes a query the same query. One of the router itself that goes on to the IPv6

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "control/public_msg.h"
-#include "core/platform/qxcom_nmpipe.h"
 #include "core/status.h"
 #include "net/proxy_socket.h"
+#include "platform/qxcom_nmpipe.h"
 #include "tests/fuzz/fuzz_tables.h"
 #include "tests/fuzz/mapping_command.h"
 

@@ -5,6 +5,7 @@
 
 #include "core/status.h"
 #include "iface/if_show.h"
+#include "iface/upstream_socket.h"
 #include "tests/support/daemon_state.h"
 #include "tests/support/log_capture.h"
 
@@ -90,7 +91,7 @@ TEST_F(tables, creating_a_server_interface_again_replaces_its_ipv6_servers_only)
         EXPECT_EQ(wan1->dnsServer6[0].sin6_addr.s6_addr[15], noV6 == 1 ? 1 : 9);
         EXPECT_EQ(wan1->serverFd6, noV6 == 1 ? fd : -1) << "towards new servers a new socket";
         EXPECT_EQ(wan1->serverTmo6.queue == nullptr, noV6 != 1) << "no timer without its socket";
-        dnsproxy_server_if_close(&wan1->serverFd6, &wan1->serverTmo6);
+        upstream_socket_close(&wan1->serverFd6, &wan1->serverTmo6);
     }
     EXPECT_EQ(dnsproxy_server_if_new("lo", 7, 7, nullptr, nullptr, 0, 1), 0);
     EXPECT_EQ(lines(), "wan1") << "lo is never entered";

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "core/status.h"
-#include "net/reply.h"
-#include "net/request.h"
+#include "forward/reply.h"
+#include "forward/request.h"
 #include "tests/support/daemon_state.h"
 #include "tests/support/log_capture.h"
 

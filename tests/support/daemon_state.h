@@ -9,8 +9,10 @@
 #include <string>
 
 #include "cache/request_cache.h"
+#include "core/data_init.h"
 #include "core/dnsproxy_data.h"
-#include "core/start.h"
+#include "daemon/start.h"
+#include "iface/if_init.h"
 #include "iface/listen_if.h"
 #include "iface/server_if.h"
 #include "tests/support/fake_clock.h"

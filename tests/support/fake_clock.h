@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "core/platform/ipcom_tmo2.h"
+#include "platform/ipcom_tmo2.h"
 
 class fake_clock {
 public:

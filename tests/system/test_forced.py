@@ -1,17 +1,20 @@
 """The forced road: a forced LAN's query leaves by its own line or not at all, to the server that answers."""
 
 import contextlib
+import subprocess
 import time
 from collections import Counter
 from collections.abc import Callable, Iterator
 from contextlib import AbstractContextManager
 from typing import NamedTuple
 
+import programs
 import pytest
 
 from lab import dns, files, plan, wait
+from lab.client import Client
 from lab.router import Lab
-from lab.upstream import Policy, answer, repeated, silent
+from lab.upstream import Policy, Upstream, answer, repeated, silent
 
 LAN = {"name": "lan", "service_if": "LAN"}
 GUEST = {"name": "guest", "service_if": "GUEST", "force_if": "on"}
@@ -160,6 +163,13 @@ def test_a_forced_query_in_between_costs_the_free_one_nothing(start, upstreams, 
     assert dns.ident(host.receive(port)) == 7
 
 
+def server_reached(upstream: Upstream, host: Client, payload: bytes, port: int) -> int:
+    """Sends a query; the slot of the server that it arrives at."""
+    before = upstream.count
+    host.send(payload, port)
+    return upstream.wait_for(before + 1)[before].server.slot
+
+
 # Three stages, ten seconds apart, of what each LAN asks: family, whether a server answers, and the server
 # that the query is to reach. A record's expiry moves the line's index off a server that did not answer and
 # pins it to one that did, for both families alike; the last expiry has the last word.
@@ -206,19 +216,13 @@ def test_lines_learn_which_server_answers(start, upstreams, client):
     start([{"name": "dnsproxy_pppoes", "service_if": "PPP"}, *rules], lines)
     hosts = {(name, family): client(name, family) for name, _ in STAGES for family in (4, 6)}
 
-    def server_reached(host, line: int, payload: bytes, port: int) -> int:
-        """Sends a query; the slot of the server that it arrives at."""
-        before = upstreams[line].count
-        host.send(payload, port)
-        return upstreams[line].wait_for(before + 1)[before].server.slot
-
     for stage in range(3):
         for (name, line), stages in STAGES.items():
             for family, kind, slot in stages[stage]:
                 host = hosts[name, family]
                 port = host.open()
                 payload = dns.query(host.fresh_ident(port), f"{kind}.test")
-                reached = server_reached(host, line, payload, port)
+                reached = server_reached(upstreams[line], host, payload, port)
                 assert reached == slot, f"stage {stage}: {name} over IPv{family} by line {line}"
                 if kind == YES:
                     assert host.receive(port) is not None
@@ -227,7 +231,44 @@ def test_lines_learn_which_server_answers(start, upstreams, client):
             # Until then it is the same query when it is repeated, and goes to the same server.
             time.sleep(RECORD_LIFE)
             wait.until(
-                lambda: server_reached(host, line, payload, port) != slot,
+                lambda: server_reached(upstreams[line], host, payload, port) != slot,
                 f"the expiry of {name}'s query over IPv{family}",
                 timeout=30,
             )
+
+
+def test_forced_network_keeps_to_a_dead_first_server(start, upstreams, client):
+    """Two forced networks whose line's first server is dead. Guests share their line with a free network,
+    whose answered query carries the first slot. A query of the router reaches the second server when it is
+    repeated, and carries the first slot all the same. Both pin the dead server again.
+    """
+    router = {"name": "router", "service_if": "loopback", "force_if": "on", "out_if": "WAN3"}
+    start([*RULES, router], files.resolv_of_lines(2, 3, ipv6=False))
+    for line in (2, 3):
+        upstreams[line].answer_with(silent, plan.LINES[line].servers4[0].address)
+    lines = {"guest": (client("g1"), upstreams[2]), "router": (client(None), upstreams[3])}
+
+    def ask(network: str) -> Callable[[], int]:
+        """A new query; each call sends it again and gives the slot that it reaches."""
+        host, upstream = lines[network]
+        port = host.open()
+        payload = dns.query(host.fresh_ident(port))
+        return lambda: server_reached(upstream, host, payload, port)
+
+    assert ask("guest")() == 0
+    assert client("h1").ask() is not None
+    assert ask("router")() == 0
+    time.sleep(RECORD_LIFE / 2)
+    retried = ask("router")
+    assert retried() == 0
+    time.sleep(RECORD_LIFE / 2)
+    wait.until(lambda: retried() == 1, "the expiry of the router's first query", timeout=30)
+
+    assert ask("guest")() == 0, "pinned by the free query"
+    program = programs.path("tools/dnsproxyctl")
+    subprocess.run([program, "set", "WAN2", plan.LINES[2].servers4[1].address], check=True, timeout=30)
+    assert lines["guest"][0].ask() is not None, "the dead server was taken out"
+
+    later = ask("router")
+    assert later() == 1
+    wait.until(lambda: later() == 0, "the expiry of the query that was repeated", timeout=30)

@@ -25,11 +25,12 @@ struct blob_buf {
     void *buf;
 };
 
-// Starts an empty message, in the memory of the one before. 0, or -ENOMEM.
+// Starts an empty message, in the memory of the one before. 0, or -ENOMEM, after which nothing may be added:
+// that ends the process.
 int blob_buf_init(struct blob_buf *buf, int id);
 void blob_buf_free(struct blob_buf *buf);
 
-// Closes what blobmsg_open_nested has opened.
+// Closes what blobmsg_open_nested has opened. A null cookie ends the process.
 void blob_nest_end(struct blob_buf *buf, void *cookie);
 
 unsigned int blob_id(const struct blob_attr *attr);

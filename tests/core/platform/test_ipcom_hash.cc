@@ -1,10 +1,12 @@
-#include "core/platform/ipcom_hash.h"
+#include "platform/ipcom_hash.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
 #include <set>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -62,6 +64,21 @@ TEST(ipcom_hash, update_chains_and_repeats)
     // A chain over the same fields in the same order, as the keys of the caches are hashed.
     EXPECT_EQ(ipcom_hash_update(bytes + 2, 4, ipcom_hash_update(bytes, 2, 0)),
               ipcom_hash_update(bytes + 2, 4, ipcom_hash_update(bytes, 2, 0)));
+}
+
+// In a process that has hashed nothing yet; ThreadSanitizer watches.
+TEST(ipcom_hash_death, threads_that_hash_at_once_agree)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto hash_in_two_threads = [] {
+        const table t(4);
+        uint32_t results[2] = {};
+        std::thread other([&] { results[0] = ipcom_hash_update("same", 4, 0); });
+        results[1] = ipcom_hash_update("same", 4, 0);
+        other.join();
+        _exit(results[0] == results[1] ? 0 : 1);
+    };
+    EXPECT_EXIT(hash_in_two_threads(), testing::ExitedWithCode(0), "");
 }
 
 TEST(ipcom_hash, bad_bucket_counts_are_refused)

@@ -1,4 +1,4 @@
-#include "core/platform/ipcom_list.h"
+#include "platform/ipcom_list.h"
 
 #include <gtest/gtest.h>
 #include <string>

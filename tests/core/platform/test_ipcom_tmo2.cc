@@ -1,4 +1,4 @@
-#include "core/platform/ipcom_tmo2.h"
+#include "platform/ipcom_tmo2.h"
 
 #include <csignal>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "core/platform/qxcom_nmpipe.h"
+#include "platform/qxcom_nmpipe.h"
 
 #include <cerrno>
 #include <csignal>
@@ -8,11 +8,20 @@
 #include <numeric>
 #include <poll.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
+
+static long page_size; // 0: the machine's
+
+extern "C" long __real_sysconf(int name);
+extern "C" long __wrap_sysconf(int name)
+{
+    return name == _SC_PAGESIZE && page_size != 0 ? page_size : __real_sysconf(name);
+}
 
 namespace {
 
@@ -140,23 +149,62 @@ TEST_F(nmpipe, an_empty_pipe_holds_up_only_the_reading_mode)
     later.join();
 }
 
-TEST_F(nmpipe, a_pipe_left_behind_by_a_killed_process_is_taken_over)
+TEST_F(nmpipe, a_pipe_is_its_creators_until_that_process_ends)
 {
-    const pid_t child = fork();
-    if (child == 0) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t creator = fork();
+    if (creator == 0) {
         const int created = qxcom_nmpipe_create("test", 20, 240);
         const int fd = qxcom_nmpipe_open("test", NMPIPE_WRITE, 0);
         (void)!qxcom_nmpipe_write(fd, "stale", 5);
-        raise(created < 0 ? SIGABRT : SIGKILL);
+        (void)!write(ready[1], "x", created < 0 ? 0 : 1);
+        close(ready[1]);
+        for (;;)
+            pause();
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_EQ(WTERMSIG(status), SIGKILL);
+    close(ready[1]);
+    char got[240];
+    ASSERT_EQ(read(ready[0], got, 1), 1);
+    close(ready[0]);
+    EXPECT_LT(qxcom_nmpipe_create("test", 20, 240), 0);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    qxcom_nmpipe_delete("test");
+    EXPECT_EQ(put(open_end(NMPIPE_WRITE), message(240)), 240) << "the name is still the creator's pipe";
+    qxcom_nmpipe_close(fds_.back());
+    fds_.clear();
+
+    kill(creator, SIGKILL);
+    ASSERT_EQ(waitpid(creator, nullptr, 0), creator);
     EXPECT_LT(qxcom_nmpipe_create_new("test", 20, 240), 0);
     EXPECT_EQ(errno, EEXIST);
     create();
-    char got[240];
     EXPECT_EQ(qxcom_nmpipe_read(open_end(NMPIPE_READWRITE), got, 240), -1) << "without its messages";
+}
+
+TEST_F(nmpipe, a_creation_that_fails_leaves_no_name)
+{
+    create(); // makes the folder
+    qxcom_nmpipe_delete("test");
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int next = dup(STDIN_FILENO);
+    close(next);
+    // Enough descriptors for the folder alone.
+    const rlimit one_more = {.rlim_cur = static_cast<rlim_t>(next) + 1, .rlim_max = before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one_more), 0);
+    EXPECT_LT(qxcom_nmpipe_create("test", 20, 240), 0);
+    EXPECT_EQ(errno, EMFILE);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_NE(access(path, F_OK), 0);
+}
+
+TEST_F(nmpipe, a_slot_is_a_page)
+{
+    page_size = 16384;
+    create(20);
+    page_size = 0;
+    EXPECT_GE(fcntl(open_end(NMPIPE_READWRITE), F_GETPIPE_SZ), 20 * 16384);
 }
 
 TEST_F(nmpipe, names_stay_in_the_folder_and_files_of_others_are_refused)

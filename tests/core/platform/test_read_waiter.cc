@@ -1,4 +1,4 @@
-#include "core/platform/read_waiter.h"
+#include "platform/read_waiter.h"
 
 #include <array>
 #include <fcntl.h>
