@@ -39,6 +39,7 @@ struct ipcom_tmo2_queue {
 // off too late. By the time it goes off, most due timers have run with the traffic.
 struct ipcom_tmo2_head {
     ipcom_tmo2_queue *queues;
+    int64_t now;      // when the last wait ended, if a timer was armed then
     int64_t alarm_at; // `never`: it is not set; else it has yet to end a wait
     read_waiter waiter;
 };
@@ -200,12 +201,17 @@ int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, const fd_s
     if (s.due == never)
         return ready;
     const int error = ready < 0 ? errno : 0;
-    const int64_t now = ipcom_tmo2_clock();
-    if (s.due <= now)
-        run_due(head, now);
+    head->now = ipcom_tmo2_clock();
+    if (s.due <= head->now)
+        run_due(head, head->now);
     if (ready < 0)
         errno = error;
     return ready;
+}
+
+int64_t ipcom_tmo2_now(const ipcom_tmo2_head *head)
+{
+    return head->now;
 }
 
 void ipcom_tmo2_forget(ipcom_tmo2_head *head, int fd)
