@@ -84,8 +84,8 @@ template <class Family> void deinit()
 // Frees a record that is in no list. The tables and the timer skip one that they do not hold.
 template <class Family> void discard(typename Family::entry *e)
 {
-    (void)ipcom_hash_remove(Family::hosts(), e);
-    (void)ipcom_hash_remove(Family::ids(), e);
+    ipcom_hash_remove(Family::hosts(), e);
+    ipcom_hash_remove(Family::ids(), e);
     ipcom_tmo2_cancel(&e->tmo);
     record_arena_give_back(&memory<Family>, e);
 }
@@ -120,6 +120,7 @@ int add(const host_key<typename Family::host> &key, uint16_t new_id, const char 
         DNSPROXY_RETURN(Family::op_add, DNSPROXY_ERESOURCE);
     }
     ipcom_list_insert_last(&Family::list(), &e->link);
+    count(&Family::records().made);
     DNSPROXY_RETURN(Family::op_add, armed);
 }
 
@@ -156,6 +157,16 @@ template <class Family> void move_index(dnsproxy_server_if *sif)
     move_cache_server<Family>(sif->ifname);
 }
 
+// A line that was deleted and added again since has not sent the query.
+template <class Family> void count_end(dnsproxy_server_if *sif, const typename Family::entry *e)
+{
+    count(&Family::records().ended);
+    if (sif == nullptr || entry_sent_at(*e) < sif->made_at)
+        return;
+    line_counters &line = Family::counters(sif);
+    count((e->flags & DNSPROXY_ENTRY_ANSWERED) != 0 ? &line.answered : &line.expired);
+}
+
 template <class Family> int expire(typename Family::entry *e)
 {
     dnsproxy_server_if *sif = dnsproxy_server_if_get(e->ifname);
@@ -165,6 +176,7 @@ template <class Family> int expire(typename Family::entry *e)
         sif->dnsIndex = e->dnsIndex;
     else if (sif->dnsIndex == e->dnsIndex)
         move_index<Family>(sif);
+    count_end<Family>(sif, e);
     ipcom_list_remove(&e->link);
     dnsproxy_noreply_count();
     discard<Family>(e);
@@ -263,16 +275,16 @@ int dnsproxy_cache_show()
     FILE *out = dump.file();
     if (out == nullptr)
         return 0;
-    (void)fprintf(out, "***Show all dns request cache entry(sizeof:%d)***\n", dnsproxy_data.cacheList.size);
+    fprintf(out, "***Show all dns request cache entry(sizeof:%d)***\n", dnsproxy_data.cacheList.size);
     for (auto *e = ipcom_first<dnsproxy_cache_entry>(dnsproxy_data.cacheList); e != nullptr;
          e = ipcom_next(e)) {
-        (void)fprintf(out, "From:%x port:%d id:%d.\n", static_cast<uint32_t>(e->from), e->port, e->id);
-        (void)fprintf(out, "New id:%d.\n", e->new_id);
-        (void)fprintf(out, "Out interface name:%s dnsIndex:%d.\n", e->ifname, e->dnsIndex);
-        (void)fprintf(out, "Falgs:%x.\n", static_cast<uint32_t>(e->flags));
-        (void)fprintf(out, "\n\n");
+        fprintf(out, "From:%x port:%d id:%d.\n", static_cast<uint32_t>(e->from), e->port, e->id);
+        fprintf(out, "New id:%d.\n", e->new_id);
+        fprintf(out, "Out interface name:%s dnsIndex:%d.\n", e->ifname, e->dnsIndex);
+        fprintf(out, "Falgs:%x.\n", static_cast<uint32_t>(e->flags));
+        fprintf(out, "\n\n");
     }
-    (void)fprintf(out, "End\n\n");
+    fprintf(out, "End\n\n");
     dump.write();
     return 0;
 }

@@ -7,6 +7,7 @@
 #include <net/if.h>
 #include <pthread.h>
 
+#include "core/counters.h"
 #include "platform/ipcom_hash.h"
 #include "platform/ipcom_list.h"
 #include "platform/ipcom_tmo2.h"
@@ -23,7 +24,7 @@ struct dnsproxy_data {
     ipcom_list listenIfList; // dnsproxy_listen_if, in the order of the rules
     ipcom_hash *listenIfHash;
     // The main thread alone adds, removes and moves server interfaces, under the lock; the bus thread reads
-    // list and table under it. It is never held across a system call other than for memory.
+    // list and table under it. It is held across no system call but those for memory.
     pthread_mutex_t serverIfLock = PTHREAD_MUTEX_INITIALIZER;
     ipcom_list serverIfList; // dnsproxy_server_if, in the order in which they are tried
     ipcom_hash *serverIfHash;
@@ -57,6 +58,12 @@ struct dnsproxy_data {
     // reply.
     int32_t specIface;
     uint8_t pendingIdMap[128]; // 1024 bits
+
+    int64_t startedAt; // nanoseconds of the timer service's clock
+    query_counters queryCounters;
+    query_counters queryCounters6;
+    record_counters recordCounters;
+    record_counters recordCounters6;
 
     int intfFd;
     struct if_nameindex *ifNameIndex; // nullptr: empty

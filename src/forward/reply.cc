@@ -5,18 +5,36 @@
 #include "cache/noreply.h"
 #include "core/dns_header.h"
 #include "forward/reply_families.h"
+#include "iface/ifname.h"
 #include "net/pending_id.h"
 
 namespace {
 
 constexpr char op[] = "dnsproxy_server_socket_read";
 
-// What became of a socket in the turn of its line.
+// The outcome for one socket in the turn of its line.
 enum class turn {
     not_ready,
     relayed, // or a later reply to a query that was answered
     dropped, // the reply, or the receive, was no good
 };
+
+// A reply counts for the server that sent it. One from another address counts for the server that the record
+// names, if that server is of this line.
+template <class Family, class Entry>
+void count_reply_of(dnsproxy_server_if *sif, const typename Family::sockaddr_type &sender, const Entry &entry)
+{
+    int slot = 0;
+    while (slot < DNSPROXY_SERVER_SLOTS && !Family::is_server(sif, slot, sender))
+        slot++;
+    if (slot == DNSPROXY_SERVER_SLOTS) {
+        if (!ifname_equal(sif->ifname, entry.ifname))
+            return;
+        slot = entry.dnsIndex;
+    }
+    count_reply(&Family::counters(sif).slots[slot],
+                ipcom_tmo2_now(dnsproxy_data.tmo2Head) - entry_sent_at(entry));
+}
 
 template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready, int *count)
 {
@@ -27,8 +45,11 @@ template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready,
     DNSPROXY_LOG(DEBUG, op, 0, reply_msg_reply<Family>, sif->ifname);
     uint8_t message[DNSPROXY_MESSAGE_SIZE];
     memset(message, 0, DNSPROXY_HEADER_SIZE); // a short reply has no flags
-    // Whoever sent it: a reply is matched by its identifier alone.
-    const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT, nullptr, nullptr);
+    // A reply is matched by its identifier alone; its sender is only counted.
+    typename Family::sockaddr_type sender = {};
+    socklen_t sender_length = sizeof sender;
+    const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT,
+                                 reinterpret_cast<sockaddr *>(&sender), &sender_length);
     if (got < 0) {
         DNSPROXY_LOG(ERROR, op, static_cast<int>(got), reply_msg_recv<Family>, sif->ifname);
         return turn::dropped;
@@ -56,6 +77,7 @@ template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready,
     }
     dnsproxy_noreply_reset();
     entry->flags |= DNSPROXY_ENTRY_ANSWERED;
+    count_reply_of<Family>(sif, sender, *entry);
     return turn::relayed;
 }
 
@@ -67,7 +89,7 @@ int dnsproxy_server_socket_read(const fd_set *ready, int *count)
          sif = ipcom_next(sif)) {
         // A reply that is dropped ends the line's turn: its IPv6 socket is served in the next pass.
         if (serve<reply_v4>(sif, ready, count) != turn::dropped)
-            (void)serve<reply_v6>(sif, ready, count);
+            serve<reply_v6>(sif, ready, count);
     }
     DNSPROXY_RETURN(op, 0);
 }

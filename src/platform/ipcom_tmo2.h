@@ -2,7 +2,7 @@
 //
 // Callbacks run inside ipcom_tmo2_select only, on the thread that calls it. A timer is disarmed before its
 // callback runs and is not looked at afterwards: the callback may free the record that holds the timer, and
-// may request and cancel any other timer. What a callback requests never runs in the same call.
+// may request and cancel any other timer. A timer that a callback requests never runs in the same call.
 //
 // Waits have very few distinct lengths, so there is one queue per length, in which deadlines are in order
 // by themselves: request, cancel and expiry cost the same with a million timers armed.
@@ -32,7 +32,7 @@ struct ipcom_tmo2 {
     int64_t deadline; // nanoseconds of the service's clock
 };
 
-// nullptr without memory.
+// nullptr without memory or descriptors.
 ipcom_tmo2_head *ipcom_tmo2_new();
 
 // Frees the service (nullptr: nothing). Timers that are still armed must not be touched any more.
@@ -52,6 +52,9 @@ void ipcom_tmo2_cancel(ipcom_tmo2 *tmo);
 // `exceptions` must be nullptr; `limit` is not changed.
 int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, const fd_set *writes,
                       const fd_set *exceptions, const timeval *limit);
+
+// The clock as it was read after the last wait in which a timer was armed.
+int64_t ipcom_tmo2_now(const ipcom_tmo2_head *head);
 
 // To be called before a descriptor is closed that ipcom_tmo2_select was given (head nullptr: nothing).
 void ipcom_tmo2_forget(ipcom_tmo2_head *head, int fd);
