@@ -37,6 +37,8 @@ BUS = "/var/run/ubus.sock"
 RULES = [
     {"name": "lan", "service_if": "LAN", "force_if": "on", "out_if": "WAN1"},
     {"name": "guest", "service_if": "GUEST", "force_if": "on", "out_if": "WAN2"},
+    {"name": "dnsproxy_pppoes", "service_if": "PPPOES"},
+    {"name": "pppoe", "service_if": "PPPOES"},
     {"name": "ppp", "service_if": "PPP"},
 ]
 
@@ -105,7 +107,7 @@ def change(lab: Lab, bus: Broker) -> None:
         time.sleep(CHANGING / 4)  # served again
 
 
-def cycle(proxy: Daemon, lab: Lab, bus: Broker, minutes: float) -> Sample:
+def cycle(proxy: Daemon, lab: Lab, bus: Broker, started: float) -> Sample:
     before, failed = proxy.cpu_ns(), []
 
     def changes() -> None:
@@ -126,6 +128,7 @@ def cycle(proxy: Daemon, lab: Lab, bus: Broker, minutes: float) -> Sample:
     unexpected = sum(run["unexpected"] for run in runs + quiet)
     proxy.settle()
     us = (proxy.cpu_ns() - before) / 1000 / max(1, answered)
+    minutes = (time.monotonic() - started) / 60
     return Sample(minutes, proxy.rss_kib(), len(proxy.fds()), asked, answered, lost, unexpected, us)
 
 
@@ -185,7 +188,7 @@ def main() -> int:
         started = time.monotonic()
         for number in range(max(WARM_UP + 4, math.ceil(given.minutes * 60 / CYCLE))):
             wait.until(lambda at=started + number * CYCLE: time.monotonic() >= at, "the next cycle", timeout=2 * CYCLE)
-            samples.append(cycle(proxy, lab, bus, (time.monotonic() - started) / 60))
+            samples.append(cycle(proxy, lab, bus, started))
             writer.writerow(astuple(samples[-1]))
             print(f"{samples[-1]}", flush=True)
     (given.out / "soak.svg").write_text(picture(samples), encoding="utf-8")

@@ -502,7 +502,7 @@ int main(int argc, char **argv)
                             static_cast<double>(used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1e6) /
                            60;
     printf("seeds %lu to %lu: no law broken in %.0f hours with %llu events and %llu queries; %.0f hours a "
-           "minute\n",
+           "minute of a core\n",
            first, o.seed - 1, lived, sum.events, sum.queries, lived / minutes);
     return EXIT_SUCCESS;
 }
