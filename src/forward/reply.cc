@@ -11,7 +11,7 @@ namespace {
 
 constexpr char op[] = "dnsproxy_server_socket_read";
 
-// What became of a socket in the turn of its line.
+// The outcome for one socket in the turn of its line.
 enum class turn {
     not_ready,
     relayed, // or a later reply to a query that was answered
@@ -27,7 +27,7 @@ template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready,
     DNSPROXY_LOG(DEBUG, op, 0, reply_msg_reply<Family>, sif->ifname);
     uint8_t message[DNSPROXY_MESSAGE_SIZE];
     memset(message, 0, DNSPROXY_HEADER_SIZE); // a short reply has no flags
-    // Whoever sent it: a reply is matched by its identifier alone.
+    // The sender is not looked at: a reply is matched by its identifier alone.
     const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT, nullptr, nullptr);
     if (got < 0) {
         DNSPROXY_LOG(ERROR, op, static_cast<int>(got), reply_msg_recv<Family>, sif->ifname);
@@ -67,7 +67,7 @@ int dnsproxy_server_socket_read(const fd_set *ready, int *count)
          sif = ipcom_next(sif)) {
         // A reply that is dropped ends the line's turn: its IPv6 socket is served in the next pass.
         if (serve<reply_v4>(sif, ready, count) != turn::dropped)
-            (void)serve<reply_v6>(sif, ready, count);
+            serve<reply_v6>(sif, ready, count);
     }
     DNSPROXY_RETURN(op, 0);
 }
