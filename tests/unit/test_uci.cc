@@ -261,7 +261,7 @@ TEST_F(uci, huge_files)
               "error 5 \": Parse error (EOF with unterminated ') at line 0, byte 10000010\"\n");
 }
 
-// A file that takes every road to an allocation: the growth of its buffer and of the name index, named and
+// A file that causes every kind of allocation: the growth of its buffer, named and
 // generated sections, options, lists, and an option that becomes a list. Whichever allocation fails, the load
 // says so and keeps nothing; the leak checker of the sanitizers is the second judge.
 TEST_F(uci, every_allocation_may_fail)
