@@ -45,4 +45,10 @@ struct dnsproxy_cache_entry_v6 {
 };
 static_assert(offsetof(dnsproxy_cache_entry_v6, link) == 0);
 
+// When a record was made, which is when its query was first sent: nanoseconds of the timer service's clock.
+template <class Entry> int64_t entry_sent_at(const Entry &entry)
+{
+    return entry.tmo.deadline - int64_t{entry.timeout} * 1'000'000;
+}
+
 #endif

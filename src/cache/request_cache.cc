@@ -120,6 +120,7 @@ int add(const host_key<typename Family::host> &key, uint16_t new_id, const char 
         DNSPROXY_RETURN(Family::op_add, DNSPROXY_ERESOURCE);
     }
     ipcom_list_insert_last(&Family::list(), &e->link);
+    count(&Family::records().made);
     DNSPROXY_RETURN(Family::op_add, armed);
 }
 
@@ -156,6 +157,16 @@ template <class Family> void move_index(dnsproxy_server_if *sif)
     move_cache_server<Family>(sif->ifname);
 }
 
+// A line that was deleted and added again since has not sent the query.
+template <class Family> void count_end(dnsproxy_server_if *sif, const typename Family::entry *e)
+{
+    count(&Family::records().ended);
+    if (sif == nullptr || entry_sent_at(*e) < sif->made_at)
+        return;
+    line_counters &line = Family::counters(sif);
+    count((e->flags & DNSPROXY_ENTRY_ANSWERED) != 0 ? &line.answered : &line.expired);
+}
+
 template <class Family> int expire(typename Family::entry *e)
 {
     dnsproxy_server_if *sif = dnsproxy_server_if_get(e->ifname);
@@ -165,6 +176,7 @@ template <class Family> int expire(typename Family::entry *e)
         sif->dnsIndex = e->dnsIndex;
     else if (sif->dnsIndex == e->dnsIndex)
         move_index<Family>(sif);
+    count_end<Family>(sif, e);
     ipcom_list_remove(&e->link);
     dnsproxy_noreply_count();
     discard<Family>(e);

@@ -22,4 +22,7 @@ struct dnsproxy_rule {
 // counts as its last.
 dnsproxy_rule dnsproxy_rule_read(uci_section *section);
 
+// Whether a rule has an option of that name.
+bool dnsproxy_rule_knows(const char *option);
+
 #endif

@@ -2,10 +2,11 @@
 
 #include <csignal>
 #include <cstring>
-#include <iterator>
 #include <libubus.h>
 #include <pthread.h>
 
+#include "control/bus_statistics.h"
+#include "control/own_signals.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
 #include "iface/server_if.h"
@@ -13,7 +14,6 @@
 
 namespace {
 
-constexpr char socket_path[] = "/var/run/ubus.sock";
 constexpr int reconnect_s = 2;
 constexpr size_t field_size = 32; // of a method's text field, with its NUL
 
@@ -23,46 +23,6 @@ uloop_timeout dnsproxy_reconnect_timer;
 blob_buf reply_buf;
 bool reconnecting; // a reconnect is under way
 bool lost_again;   // and has lost its connection meanwhile
-
-void end_process(int number)
-{
-    // The first round ends the process, unless the library takes the signal over between the two calls.
-    sigset_t only;
-    sigemptyset(&only);
-    sigaddset(&only, number);
-    pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
-    for (;;) {
-        signal(number, SIG_DFL);
-        raise(number);
-    }
-}
-
-// While it connects, the bus library takes over SIGINT, SIGTERM and SIGCHLD if they have their default
-// action, and waits for the bus without a limit. Around such calls SIGINT and SIGTERM get a handler with the
-// effect of the default action, which the library leaves alone. Afterwards all three are restored: one
-// SIGTERM ends the daemon at any time, and pclose() finds its own children.
-class own_signals {
-public:
-    own_signals()
-    {
-        for (size_t i = 0; i < std::size(numbers); i++) {
-            sigaction(numbers[i], nullptr, &before_[i]);
-            if (numbers[i] != SIGCHLD && before_[i].sa_handler == SIG_DFL)
-                signal(numbers[i], end_process);
-        }
-    }
-    ~own_signals()
-    {
-        for (size_t i = 0; i < std::size(numbers); i++)
-            sigaction(numbers[i], &before_[i], nullptr);
-    }
-    own_signals(const own_signals &) = delete;
-    own_signals &operator=(const own_signals &) = delete;
-
-private:
-    static constexpr int numbers[] = {SIGINT, SIGTERM, SIGCHLD};
-    struct sigaction before_[std::size(numbers)];
-};
 
 enum update_field { UPDATE_NAME, UPDATE_DEV, UPDATE_STATUS, UPDATE_FIELDS };
 
@@ -161,7 +121,7 @@ bool reconnect()
     reconnecting = true;
     lost_again = false;
     const own_signals signals;
-    const bool connected = ubus_reconnect(dnsproxy_ctx, socket_path) == 0;
+    const bool connected = ubus_reconnect(dnsproxy_ctx, BUS_SOCKET) == 0;
     // The library has closed its socket but may keep the number, which can be another thread's descriptor by
     // the next attempt. A connection that stands is closed by that attempt.
     if (!connected)
@@ -184,9 +144,11 @@ void ubus_connection_lost(ubus_context *)
         DNSPROXY_LOG(ERROR, __func__, 0, "dnsproxy_ctx is NULL\n");
         return;
     }
+    bus_statistics_withdraw();
     if (reconnect()) {
         DNSPROXY_LOG(ERROR, __func__, 0, "reconnected to ubus, new id: %08x\n", dnsproxy_ctx->local_id);
         listen_to_bus();
+        bus_statistics_publish();
         return;
     }
 
@@ -204,7 +166,7 @@ bool publish()
 {
     const own_signals signals;
     if (dnsproxy_ctx == nullptr)
-        dnsproxy_ctx = ubus_connect(socket_path);
+        dnsproxy_ctx = ubus_connect(BUS_SOCKET);
     if (dnsproxy_ctx == nullptr) {
         DNSPROXY_LOG(ERROR, "dnsproxy_ubus_init", 0, "Failed to connect to ubus\n");
         return false;
@@ -235,7 +197,9 @@ void *dnsproxy_ubus_init(void *)
     dnsproxy_reconnect_timer.cb = dnsproxy_reconnect_cb;
     if (!publish())
         return nullptr;
+    bus_statistics_publish();
     uloop_run();
+    bus_statistics_withdraw();
     uloop_done();
     ubus_free(dnsproxy_ctx);
     dnsproxy_ctx = nullptr;

@@ -14,6 +14,7 @@ int dnsproxy_data_init()
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ERESOURCE, "Fail to create tmo2.");
         DNSPROXY_RETURN(__func__, DNSPROXY_ERESOURCE);
     }
+    dnsproxy_data.startedAt = ipcom_tmo2_clock();
     dnsproxy_data.cacheServerSet = 0;
     memset(dnsproxy_data.cacheServerIfname, 0, sizeof dnsproxy_data.cacheServerIfname);
     DNSPROXY_RETURN(__func__, 0);

@@ -7,6 +7,7 @@
 #include <net/if.h>
 #include <pthread.h>
 
+#include "core/counters.h"
 #include "platform/ipcom_hash.h"
 #include "platform/ipcom_list.h"
 #include "platform/ipcom_tmo2.h"
@@ -57,6 +58,12 @@ struct dnsproxy_data {
     // reply.
     int32_t specIface;
     uint8_t pendingIdMap[128]; // 1024 bits
+
+    int64_t startedAt; // nanoseconds of the timer service's clock
+    query_counters queryCounters;
+    query_counters queryCounters6;
+    record_counters recordCounters;
+    record_counters recordCounters6;
 
     int intfFd;
     struct if_nameindex *ifNameIndex; // nullptr: empty

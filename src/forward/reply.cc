@@ -5,6 +5,7 @@
 #include "cache/noreply.h"
 #include "core/dns_header.h"
 #include "forward/reply_families.h"
+#include "iface/ifname.h"
 #include "net/pending_id.h"
 
 namespace {
@@ -18,6 +19,23 @@ enum class turn {
     dropped, // the reply, or the receive, was no good
 };
 
+// A reply counts for the server that sent it. One from another address counts for the server that the record
+// names, if that server is of this line.
+template <class Family, class Entry>
+void count_reply_of(dnsproxy_server_if *sif, const typename Family::sockaddr_type &sender, const Entry &entry)
+{
+    int slot = 0;
+    while (slot < DNSPROXY_SERVER_SLOTS && !Family::is_server(sif, slot, sender))
+        slot++;
+    if (slot == DNSPROXY_SERVER_SLOTS) {
+        if (!ifname_equal(sif->ifname, entry.ifname))
+            return;
+        slot = entry.dnsIndex;
+    }
+    count_reply(&Family::counters(sif).slots[slot],
+                ipcom_tmo2_now(dnsproxy_data.tmo2Head) - entry_sent_at(entry));
+}
+
 template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready, int *count)
 {
     const int fd = Family::fd(sif);
@@ -27,8 +45,11 @@ template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready,
     DNSPROXY_LOG(DEBUG, op, 0, reply_msg_reply<Family>, sif->ifname);
     uint8_t message[DNSPROXY_MESSAGE_SIZE];
     memset(message, 0, DNSPROXY_HEADER_SIZE); // a short reply has no flags
-    // The sender is not looked at: a reply is matched by its identifier alone.
-    const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT, nullptr, nullptr);
+    // A reply is matched by its identifier alone; its sender is only counted.
+    typename Family::sockaddr_type sender = {};
+    socklen_t sender_length = sizeof sender;
+    const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT,
+                                 reinterpret_cast<sockaddr *>(&sender), &sender_length);
     if (got < 0) {
         DNSPROXY_LOG(ERROR, op, static_cast<int>(got), reply_msg_recv<Family>, sif->ifname);
         return turn::dropped;
@@ -56,6 +77,7 @@ template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready,
     }
     dnsproxy_noreply_reset();
     entry->flags |= DNSPROXY_ENTRY_ANSWERED;
+    count_reply_of<Family>(sif, sender, *entry);
     return turn::relayed;
 }
 

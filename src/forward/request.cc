@@ -146,11 +146,13 @@ template <class Family> int send_forced(query<Family> *q, const dnsproxy_listen_
     bool repeated = false;
     const uint16_t new_id = query_identify(key, &dnsproxy_data.nextNewId, &repeated);
     dns_set_id(q->message, new_id);
-    sif->useCount++;
+    count(&sif->useCount);
 
     const auto to = Family::destination(sif, slot);
+    line_counters &counters = Family::counters(sif);
     int status = Family::socket_check(sif);
     if (status < 0) {
+        count(&counters.failed);
         DNSPROXY_LOG(DEBUG, Family::op, status, request_msg_check<Family>, sif->ifname);
         return status;
     }
@@ -161,11 +163,13 @@ template <class Family> int send_forced(query<Family> *q, const dnsproxy_listen_
     DNSPROXY_LOG(TRACE, Family::op, 0, "sendsize:%d,recvsize:%d,errno:%d", static_cast<int>(sent),
                  static_cast<int>(q->length), error);
     if (sent < static_cast<ssize_t>(q->length)) {
+        count(&counters.failed);
         if (sent < 0 && device_has_gone(Family::fd(sif), error))
             close_dead_socket<Family>(sif);
         DNSPROXY_LOG(ERROR, Family::op, status, request_msg_send<Family>);
         return status;
     }
+    count_sent(&counters, slot);
     if (repeated)
         return status;
     status = request_cache_add(key, new_id, sif->ifname, slot);
@@ -185,10 +189,13 @@ template <class Family> int handle_query()
         return 0; // no identifier: dropped, and no reason to end the loop's pass
     const dnsproxy_listen_if *lif = find_listen_if(&q);
     if (lif == nullptr) {
+        count(&Family::queries().refused);
         DNSPROXY_LOG(TRACE, Family::op, DNSPROXY_ENOTSERVED, request_msg_not_served<Family>);
         return DNSPROXY_ENOTSERVED;
     }
-    return lif->specify != 0 ? send_forced(&q, lif) : send_free(&q, lif);
+    const bool forced = lif->specify != 0;
+    count(forced ? &Family::queries().forced : &Family::queries().free);
+    return forced ? send_forced(&q, lif) : send_free(&q, lif);
 }
 
 } // namespace

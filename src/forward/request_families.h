@@ -70,6 +70,7 @@ struct request_v4 : ipv4 {
 
     static int ifindex(const in_pktinfo &info) { return info.ipi_ifindex; }
     static int listen_fd() { return dnsproxy_data.listenFd; }
+    static query_counters &queries() { return dnsproxy_data.queryCounters; }
 
     static bool device_name(int ifindex, char *name)
     {
@@ -114,6 +115,7 @@ struct request_v6 : ipv6 {
 
     static int ifindex(const in6_pktinfo &info) { return static_cast<int>(info.ipi6_ifindex); }
     static int listen_fd() { return dnsproxy_data.listenFd6; }
+    static query_counters &queries() { return dnsproxy_data.queryCounters6; }
 
     // Asks the kernel as if_indextoname does, on a socket that is open already.
     static bool device_name(int ifindex, char *name)

@@ -27,8 +27,10 @@ template <class Family> bool send_to(sending<Family> *s, dnsproxy_server_if *sif
 {
     const auto to = Family::destination(sif, slot);
     Family::trace_destination(to);
+    line_counters &counters = Family::counters(sif);
     *status = Family::socket_check(sif);
     if (*status < 0) {
+        count(&counters.failed);
         DNSPROXY_LOG(DEBUG, Family::op, *status, "Fail to check server socket(ifname:%s).", sif->ifname);
         return false;
     }
@@ -44,9 +46,11 @@ template <class Family> bool send_to(sending<Family> *s, dnsproxy_server_if *sif
                  static_cast<int>(s->length));
     Family::trace_sent(sif, to);
     if (sent < static_cast<ssize_t>(s->length)) {
+        count(&counters.failed);
         DNSPROXY_LOG(ERROR, Family::op, *status, choice_msg_send<Family>);
         return false;
     }
+    count_sent(&counters, slot);
     dnsproxy_pending_id_set(s->new_id);
     if (s->recorded)
         return true;

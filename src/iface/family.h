@@ -21,6 +21,7 @@ struct ipv4 {
 
     static int32_t &fd(dnsproxy_server_if *sif) { return sif->serverFd; }
     static ipcom_tmo2 &tmo(dnsproxy_server_if *sif) { return sif->serverTmo; }
+    static line_counters &counters(dnsproxy_server_if *sif) { return sif->counters; }
 
     static bool has_server(const dnsproxy_server_if *sif, int slot)
     {
@@ -41,6 +42,11 @@ struct ipv4 {
         to.sin_addr.s_addr = static_cast<uint32_t>(sif->dnsServer[slot]);
         return to;
     }
+
+    static bool is_server(const dnsproxy_server_if *sif, int slot, const sockaddr_in &sender)
+    {
+        return sender.sin_addr.s_addr == static_cast<uint32_t>(sif->dnsServer[slot]);
+    }
 };
 
 struct ipv6 {
@@ -50,6 +56,7 @@ struct ipv6 {
 
     static int32_t &fd(dnsproxy_server_if *sif) { return sif->serverFd6; }
     static ipcom_tmo2 &tmo(dnsproxy_server_if *sif) { return sif->serverTmo6; }
+    static line_counters &counters(dnsproxy_server_if *sif) { return sif->counters6; }
 
     // The address is tested as it is; an empty slot goes to the named check, which logs it.
     static bool has_server(const dnsproxy_server_if *sif, int slot)
@@ -71,6 +78,11 @@ struct ipv6 {
         to.sin6_port = htons(DNSPROXY_DNS_PORT);
         to.sin6_addr = sif->dnsServer6[slot].sin6_addr;
         return to;
+    }
+
+    static bool is_server(const dnsproxy_server_if *sif, int slot, const sockaddr_in6 &sender)
+    {
+        return IN6_ARE_ADDR_EQUAL(&sender.sin6_addr, &sif->dnsServer6[slot].sin6_addr);
     }
 };
 

@@ -73,10 +73,36 @@ bool set_link_state(const char *ifname, const uint64_t *is_down)
     return true;
 }
 
-void set_slot(uint64_t *slot, const uint64_t *address)
+// A server that is replaced leaves its numbers behind. Under the lock: the bus thread reads servers.
+void set_slot(dnsproxy_server_if *sif, int slot, const uint64_t *address)
 {
-    if (address != nullptr && *address != 0)
-        *slot = *address;
+    if (address == nullptr || *address == 0 || *address == sif->dnsServer[slot])
+        return;
+    sif->dnsServer[slot] = *address;
+    counters_clear(&sif->counters.slots[slot]);
+}
+
+void set_slot_v6(dnsproxy_server_if *sif, int slot, const sockaddr_in6 *address)
+{
+    if (address == nullptr)
+        return;
+    if (!IN6_ARE_ADDR_EQUAL(&address->sin6_addr, &sif->dnsServer6[slot].sin6_addr))
+        counters_clear(&sif->counters6.slots[slot]);
+    sif->dnsServer6[slot] = *address;
+}
+
+void set_servers_v6(dnsproxy_server_if *sif, const sockaddr_in6 *dns6, const sockaddr_in6 *dns6_2)
+{
+    const mutex_guard lock(&dnsproxy_data.serverIfLock);
+    set_slot_v6(sif, 0, dns6);
+    set_slot_v6(sif, 1, dns6_2);
+}
+
+void set_servers(dnsproxy_server_if *sif, const uint64_t *dns, const uint64_t *dns2)
+{
+    const mutex_guard lock(&dnsproxy_data.serverIfLock);
+    set_slot(sif, 0, dns);
+    set_slot(sif, 1, dns2);
 }
 
 } // namespace
@@ -109,8 +135,7 @@ int dnsproxy_server_if_new(const char *ifname, uint64_t dns, uint64_t dns2, cons
     dnsproxy_server_if *sif = dnsproxy_server_if_get(ifname);
     if (sif != nullptr) {
         if (noV6 != 1 && dns6 != nullptr && dns6_2 != nullptr) {
-            sif->dnsServer6[0] = *dns6;
-            sif->dnsServer6[1] = *dns6_2;
+            set_servers_v6(sif, dns6, dns6_2);
             upstream_socket_close(&sif->serverFd6, &sif->serverTmo6);
         }
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_EEXISTS, "The server if has already exist(ifname:%s).",
@@ -135,6 +160,7 @@ int dnsproxy_server_if_new(const char *ifname, uint64_t dns, uint64_t dns2, cons
     sif->serverFd = -1;
     sif->serverFd6 = -1;
     sif->sockTimeout = socket_idle_ms;
+    sif->made_at = ipcom_tmo2_clock();
     if (!enter_record(sif)) {
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ENOMEMORY, "No memory to create server if(ifname:%s).",
                      ifname);
@@ -152,16 +178,10 @@ int dnsproxy_server_if_set(const char *ifname, const uint64_t *dns, const uint64
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ENOTFOUND, "Can not find the server if(ifname:%s).", ifname);
         DNSPROXY_RETURN(__func__, DNSPROXY_ENOTFOUND);
     }
-    if (noV4 != 1) {
-        set_slot(&sif->dnsServer[0], dns);
-        set_slot(&sif->dnsServer[1], dns2);
-    }
-    if (noV6 != 1) {
-        if (dns6 != nullptr)
-            sif->dnsServer6[0] = *dns6;
-        if (dns6_2 != nullptr)
-            sif->dnsServer6[1] = *dns6_2;
-    }
+    if (noV4 != 1)
+        set_servers(sif, dns, dns2);
+    if (noV6 != 1)
+        set_servers_v6(sif, dns6, dns6_2);
     DNSPROXY_RETURN(__func__, 0);
 }
 

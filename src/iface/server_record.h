@@ -1,4 +1,5 @@
-// The record of one WAN line: its device, DNS servers, upstream sockets, idle timers and link state.
+// The record of one WAN line: its device, DNS servers, upstream sockets, idle timers, link state and
+// counters.
 #ifndef IFACE_SERVER_RECORD_H
 #define IFACE_SERVER_RECORD_H
 
@@ -7,11 +8,12 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
+#include "core/counters.h"
 #include "core/dnsproxy_data.h"
 #include "platform/ipcom_list.h"
 #include "platform/ipcom_tmo2.h"
 
-constexpr int DNSPROXY_SERVER_SLOTS = 2;
+constexpr int DNSPROXY_SERVER_SLOTS = COUNTER_SLOTS;
 
 struct dnsproxy_server_if {
     ipcom_list link;                           // in serverIfList
@@ -25,8 +27,11 @@ struct dnsproxy_server_if {
     ipcom_tmo2 serverTmo;                           // closes serverFd when idle
     ipcom_tmo2 serverTmo6;                          // closes serverFd6 when idle
     uint32_t sockTimeout;                           // idle time of both sockets, milliseconds
-    uint64_t useCount;                              // queries forced out through this device
+    uint64_t useCount;                              // queries forced out through this device; a counter
     uint64_t is_down;                               // 0: link up; both threads, by server_if_link_state
+    int64_t made_at;                                // nanoseconds of the timer service's clock
+    line_counters counters;
+    line_counters counters6;
 };
 static_assert(offsetof(dnsproxy_server_if, link) == 0);
 

@@ -14,6 +14,7 @@ constexpr int64_t ns_per_s = 1'000'000'000;
 constexpr int64_t longest_ms = int64_t{1} << 42; // 139 years; keeps every sum in range
 constexpr int64_t lateness_divisor = 32;
 constexpr int64_t lateness_max = 100 * ns_per_ms;
+constexpr int64_t alarm_slack = 75 * ns_per_ms;
 constexpr int64_t never = INT64_MAX;
 
 int64_t monotonic_clock()
@@ -36,9 +37,11 @@ struct ipcom_tmo2_queue {
 };
 
 // The alarm wakes a wait for the timers. Setting it is a system call, so it is moved only when it would go
-// off too late. By the time it goes off, most due timers have run with the traffic.
+// off too late, or too early by the slack: a wake-up for nothing costs more than the call. Traffic runs the
+// timers that are due, so under traffic the alarm is moved about every 75 ms and never goes off.
 struct ipcom_tmo2_head {
     ipcom_tmo2_queue *queues;
+    int64_t now;      // when the last wait ended, if a timer was armed then
     int64_t alarm_at; // `never`: it is not set; else it has yet to end a wait
     read_waiter waiter;
 };
@@ -111,7 +114,7 @@ void run_due(ipcom_tmo2_head *head, int64_t now)
 // Sets the alarm so that a wait ends in time for the timers; false: there is no time left to wait.
 bool may_wait(ipcom_tmo2_head *head, const schedule &s)
 {
-    if (s.wake == never || head->alarm_at <= s.wake)
+    if (s.wake == never || (head->alarm_at <= s.wake && s.wake - head->alarm_at < alarm_slack))
         return true;
     const int64_t left = s.wake - ipcom_tmo2_clock();
     if (left <= 0)
@@ -200,12 +203,17 @@ int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, const fd_s
     if (s.due == never)
         return ready;
     const int error = ready < 0 ? errno : 0;
-    const int64_t now = ipcom_tmo2_clock();
-    if (s.due <= now)
-        run_due(head, now);
+    head->now = ipcom_tmo2_clock();
+    if (s.due <= head->now)
+        run_due(head, head->now);
     if (ready < 0)
         errno = error;
     return ready;
+}
+
+int64_t ipcom_tmo2_now(const ipcom_tmo2_head *head)
+{
+    return head->now;
 }
 
 void ipcom_tmo2_forget(ipcom_tmo2_head *head, int fd)

@@ -53,6 +53,9 @@ void ipcom_tmo2_cancel(ipcom_tmo2 *tmo);
 int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, const fd_set *writes,
                       const fd_set *exceptions, const timeval *limit);
 
+// The clock as it was read after the last wait in which a timer was armed.
+int64_t ipcom_tmo2_now(const ipcom_tmo2_head *head);
+
 // To be called before a descriptor is closed that ipcom_tmo2_select was given (head nullptr: nothing).
 void ipcom_tmo2_forget(ipcom_tmo2_head *head, int fd);
 

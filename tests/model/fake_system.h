@@ -91,6 +91,7 @@ struct fake_system {
     std::string resolv;                    // of the resolver file
     std::string output;                    // behind the command that runs; one at a time does
     int reports = 0;                       // events reported
+    int pipes = 0;                         // request pipes made and not deleted
     bool dumps = false;                    // whether there is memory for the text of a dump
     system_faults faults = {};
     int allocations_left = -1; // until one fails; negative: none does

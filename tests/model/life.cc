@@ -26,6 +26,7 @@ std::vector<ipcom_tmo2> timers; // that somebody owns
 std::set<int> descriptors;      // that lines own
 enum { RUNNING, DRAINING, ENDING } phase;
 size_t waiting_before; // datagrams at the last wait
+bool settled;          // and nothing has been due since
 const std::function<bool()> *script;
 jmp_buf end_of_loop;
 
@@ -210,7 +211,9 @@ void settle()
 // The loop has taken a datagram: one step is over, the next begins.
 void received(int fd, const datagram &d)
 {
-    settle();
+    if (!settled)
+        settle();
+    settled = false;
     const open_file &file = sys.files.at(fd);
     if (fd == dnsproxy_data.listenFd || fd == dnsproxy_data.listenFd6)
         expected.query(d);
@@ -265,7 +268,7 @@ int wait(epoll_event *ready, int limit_ms)
         ready[count].events = EPOLLIN;
         ready[count++].data.fd = fd;
     }
-    expected.let_expire();
+    settled = !expected.let_expire() && expected.has_list;
     if (!expected.has_list)
         expected.list_devices();
     return count;
@@ -295,7 +298,10 @@ void start(uint16_t first_id, int log_level)
     sys.resolv =
         "#Interface WAN1\nnameserver 1.0.0.0\nnameserver ::1\nnameserver 17.0.0.0\nnameserver ::100\n"
         "#Interface WAN2\nnameserver 2.0.0.0\nnameserver ::2\nnameserver 18.0.0.0\nnameserver ::200\n"
-        "#Interface VPN\nnameserver 3.0.0.0\nnameserver ::3\nnameserver 19.0.0.0\nnameserver ::300\n";
+        "#Interface VPN\nnameserver 3.0.0.0\nnameserver ::3\nnameserver 19.0.0.0\nnameserver ::300\n"
+        "#Interface loopback\nnameserver 9.9.9.9\n"
+        "#Interface WAN2\nnameserver 8.8.8.8\nnameserver ::2\nnameserver ::200\n"
+        "#Interface WAN3\nnameserver 8.8.8.8\n"; // not read: there are two of one name
     for (uint8_t number = 1; number <= 3; number++) {
         dnsproxy_server_if line = {};
         strcpy(line.ifname, number == 1 ? "wan1" : number == 2 ? "wan2" : "pt-vpn0");
@@ -333,6 +339,7 @@ void end()
              "a rule can be deleted");
     __wrap_if_freenameindex(dnsproxy_data.ifNameIndex);
     dnsproxy_cleanup();
+    must(sys.pipes == 0, "the request pipe goes with its daemon");
     must(sys.blocks.size() == 1 && sys.blocks.begin()->second == sizeof(dnsproxy_public_msg),
          "all memory comes back");
     __wrap_free(sys.blocks.begin()->first);

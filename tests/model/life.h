@@ -12,8 +12,8 @@
 #include <functional>
 #include <string>
 
-#include "tests/model/fake_system.h"
 #include "tests/model/fake_clock.h"
+#include "tests/model/fake_system.h"
 
 // From the daemon's start until the last of its timers and the return of its memory. `events` is called
 // before every wait and brings about what happens until the next one, by the functions below, fake_clock and

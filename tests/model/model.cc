@@ -242,9 +242,11 @@ void model::reply(const datagram &d, bool v6)
 
 // Each record that is due teaches its line: answered, the slot is kept; unanswered, an index that stands on
 // it moves to the other server or back to the first slot. Then the sockets that nobody used are closed.
-void model::let_expire()
+bool model::let_expire()
 {
+    bool due = false;
     while (!records.empty() && records.front().deadline <= now()) {
+        due = true;
         const record r = records.front();
         records.erase(records.begin());
         met(r.answered ? "record expired answered" : "record expired unanswered");
@@ -266,9 +268,11 @@ void model::let_expire()
             if (fd_of(line, v6) >= 0 && timer_of(line, v6).deadline <= now()) {
                 met("socket idle");
                 fd_of(line, v6) = -1;
+                due = true;
             }
         }
     }
+    return due;
 }
 
 bool model::set_link(const std::string &line, bool down)

@@ -56,7 +56,7 @@ struct model {
 
     void query(const datagram &d);
     void reply(const datagram &d, bool v6);
-    void let_expire();
+    bool let_expire(); // whether anything was due
     void request(const std::string &bytes);
     void netlink(std::string batch);
     void list_devices();

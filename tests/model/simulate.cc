@@ -348,7 +348,8 @@ private:
     {
         static constexpr const char *names[] = {"WAN1",     "WAN2",     "WAN3",    "VPN",
                                                 "loopback", "NAMELESS", "nothing", ";"};
-        const auto op = static_cast<uint32_t>(d->below(12));
+        const auto op =
+            static_cast<uint32_t>(d->one_in(3) ? DNSPROXY_DNS_SERVER_GETIFS - d->below(2) : d->below(12));
         const char *name = d->of(names);
         send_request(op, name, d);
         if (op == DNSPROXY_DNS_SERVER_DEL || op == DNSPROXY_DNS_SERVER_DELALL) {

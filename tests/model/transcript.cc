@@ -107,6 +107,8 @@ constexpr scene scenes[] = {
          sys.online_state = "wan1=off\nwan2=off\npt-vpn0=off\nwan9=on\n=\nwan1\n", ask_op(3, "WAN3");
      },
      false},
+    {"DEL", [](bool) { ask_op(4, "WAN3"); }, false},
+    {"ADD without that file", [](bool) { sys.online_state.clear(), ask_op(3, "WAN3"); }, false},
     {"a free query then", [](bool v6) { set_link("wan3", false), ask(host(v6), "br-lan", message(17)); },
      true},
     {"a line comes up", [](bool v6) { set_link("wan2", true), ask(host(v6), "br-lan", message(18)); }, true},
@@ -150,6 +152,7 @@ constexpr scene scenes[] = {
          request({reinterpret_cast<const char *>(&m), sizeof m});
      },
      false},
+    {"GETIFS of it", [](bool) { ask_op(8, "loopback"); }, false},
     {"a free query", [](bool v6) { ask(host(v6), "br-lan", message(21)); }, true},
     {"a forced query", [](bool v6) { ask(host(v6), "br-guest", message(22)); }, true},
     {"servers in the second slot alone", [](bool) { ask_op(2, "WAN1", 0, 1); }, false},
