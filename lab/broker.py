@@ -269,11 +269,11 @@ class Broker:
         with self._lock:
             added = _Object(_new_id(self._objects), path, client, kind, signature)
             self._objects[added.ident] = added
+            self.registered.append(path)
         data = id_attribute(Attr.OBJID, added.ident)
         if Attr.SIGNATURE in attributes:
             data += id_attribute(Attr.OBJTYPE, kind)
         self._answer(client, message, Type.DATA, data)
-        self.registered.append(path)
         return Status.OK
 
 
