@@ -159,7 +159,7 @@ tell_daemon() {
 tell_bus() {
     local name device state
     states | while read -r name device state; do
-        ubus call dnsproxy update_if "{\"name\":\"$name\",\"dev\":\"$device\",\"status\":\"$state\"}" </dev/null
+        ubus -t 3 call dnsproxy update_if "{\"name\":\"$name\",\"dev\":\"$device\",\"status\":\"$state\"}" </dev/null
     done >/dev/null 2>&1
 }
 
@@ -195,7 +195,7 @@ update() {
     exec 9>"$RUN/lock"
     flock 9
     touch "$RUN/lines" "$RUN/devices"
-    dump=$(ubus call network.interface dump 2>/dev/null)
+    dump=$(ubus -t 10 call network.interface dump 2>/dev/null)
     if [ -z "$(jsonfilter -s "$dump" -e '@.interface[0].interface' 2>/dev/null)" ]; then
         [ -e "$RUN/missed" ] || logger -t dnsproxyd -p daemon.warn "netifd does not tell its networks: lines stay as they are"
         : >"$RUN/missed"
