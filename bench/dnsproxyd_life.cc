@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "core/dnsproxy_data.h"
-#include "core/start.h"
+#include "daemon/start.h"
 
 int main(int argc, char **argv)
 {

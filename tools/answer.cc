@@ -6,13 +6,8 @@
 #include <cstring>
 #include <span>
 
+#include "request.h"
 #include "text.h"
-
-void *trailing_data(const dnsproxy_public_msg *reply)
-{
-    // The message carries the address as a number, the same on every target.
-    return reinterpret_cast<void *>(static_cast<uintptr_t>(reply->data)); // NOLINT(performance-no-int-to-ptr)
-}
 
 namespace {
 

@@ -5,10 +5,7 @@
 
 #include <dnsproxy/client.h>
 
-// The list after a reply to op 7 or 8, which belongs to the caller; null when it is empty.
-void *trailing_data(const dnsproxy_public_msg *reply);
-
-enum class format { columns, json };
+#include "command.h"
 
 // The servers of one interface (op 1).
 void show_servers(const dnsproxy_public_msg *reply, format form);

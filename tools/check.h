@@ -1,10 +1,10 @@
-// `dnsproxyctl check`: looks for what keeps the hosts of this router from getting answers.
+// `dnsproxyctl check`: looks for everything that keeps hosts from getting answers, and says what to do.
 #ifndef TOOLS_CHECK_H
 #define TOOLS_CHECK_H
 
-#include "answer.h"
+#include "command.h"
 
-// Prints one line per finding to standard output, with what to do about it; their number.
-int show_check(format form);
+// Prints one line per finding to standard output, or all of them as one JSON document.
+int run_check(const invocation &given);
 
 #endif

@@ -1,10 +1,9 @@
-// dnsproxyctl: shows and changes the upstream DNS servers of the running daemon, through its request pipe,
-// and tells whether it serves and what is wrong.
-
-#include <dnsproxy/client.h>
+// dnsproxyctl: shows and changes the upstream DNS servers and link states of the running daemon, tells
+// whether it serves, what it counts and what is wrong, and watches its lines.
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -12,28 +11,26 @@
 #include <getopt.h>
 #include <iterator>
 
-#include "answer.h"
 #include "check.h"
-#include "servers.h"
+#include "command.h"
+#include "pipe_commands.h"
+#include "state.h"
+#include "stats.h"
 #include "status.h"
+#include "watch.h"
 
 namespace {
 
 constexpr char program[] = "dnsproxyctl";
-constexpr char any_interface[] = "loopback"; // can always be mapped
-
-enum exit_status {
-    EXIT_DONE = 0,
-    EXIT_REFUSED = 1,
-    EXIT_USAGE = 2,
-    EXIT_UNREACHABLE = 3,
-};
 
 constexpr char help[] =
-    R"(Usage: dnsproxyctl [OPTION...] COMMAND
-Shows and changes the upstream DNS servers of the running dnsproxyd.
+    R"(Usage: dnsproxyctl COMMAND [OPTION...]
+Shows and changes the upstream DNS servers of the running dnsproxyd, and watches over it.
 
 Commands:
+  status                show whether the daemon serves, its lines and their servers
+  check                 look for what keeps hosts from getting answers
+  stats                 show what the daemon counts, per line and server
   list                  show the devices that have IPv4 servers
   addrs                 show all IPv4 servers
   get IF                show the servers of an interface
@@ -41,275 +38,275 @@ Commands:
   add IF SERVER...      make an interface
   put IF SERVER...      change the interface if it is there, else make it
   del IF                delete an interface
-  delall [IF]           delete all interfaces but VPN devices, whatever IF is
-  status                show whether the daemon serves, its lines and their servers
-  check                 look for what keeps hosts from getting answers
+  delall                delete all interfaces but VPN devices
+  up IF                 mark a line up
+  down IF               mark a line down
+  watch                 test the lines without end, and mark them up and down
+  help                  show this
 
-IF is a logical interface name. SERVER is an IPv4 or IPv6 address, at most two of each.
+IF is a logical interface name, for up and down also a device. SERVER is an IPv4 or IPv6 address, at most
+two of each.
 
 Options:
-  -i, --interface=IF    name that list, addrs and delall send along (loopback)
   -j, --json            answer with a JSON document
+  --prometheus          of stats: answer in the exposition format of Prometheus
+  --watch [SECONDS]     of stats: show rates, again and again (2)
+  --every SECONDS       of watch: time between two rounds (10)
+  --down N, --up N      of watch: bad rounds before a line is off, good ones before it is on (3, 2)
+  --query NAME          of watch: the name that is asked for, instead of the root's servers
+  --exec CMD            of watch: run CMD NAME DEVICE on|off after each change
   -h, --help            show this
   -V, --version         show the version
 
 Exit status: 0 done, 1 refused by the daemon, 2 wrong usage, 3 daemon cannot be reached;
-1 also when status finds that it does not serve both families, or check finds anything.
+1 also when status finds that the daemon does not serve, or check finds anything.
 )";
 
-using msg = dnsproxy_public_msg;
-
-int send_servers(msg *m, const server_list *servers)
-{
-    servers_to_msg(servers, m);
-    return dnsproxy_public_dnsServer(m);
-}
-
-int send_plain(msg *m, const server_list *)
-{
-    return dnsproxy_public_dnsServer(m);
-}
-
-// Both flags are needed to make an interface, whatever the number of its servers.
-int send_new(msg *m, const server_list *servers)
-{
-    servers_to_msg(servers, m);
-    m->dnsFlag = 1;
-    m->dns2Flag = 1;
-    return dnsproxy_public_dnsServer(m);
-}
-
-// An IPv4 address of 0 leaves what is there, but an IPv6 address is taken whenever the flag that it shares
-// with the IPv4 address is set. One of IPv6 beside two of IPv4 would clear the second IPv6 server: then each
-// family gets a request of its own.
-int send_set(msg *m, const server_list *servers)
-{
-    if (servers->v6_count == 0 || servers->v6_count >= servers->v4_count)
-        return send_servers(m, servers);
-    server_list v4 = *servers;
-    v4.v6_count = 0;
-    const int status = send_servers(m, &v4);
-    if (status < 0)
-        return status;
-    server_list v6 = *servers;
-    v6.v4_count = 0;
-    return send_servers(m, &v6);
-}
-
-enum class operand { none, optional, required };
-
-struct command {
-    const char *name;
-    uint32_t op;
-    operand interface;
-    int servers_min;
-    int servers_max;
-    int (*send)(msg *m, const server_list *servers);
-    void (*show)(const msg *reply, format form);
+// Options, as bits of what a command takes.
+enum : unsigned {
+    JSON = 1,
+    PROMETHEUS = 2,
+    REPEAT = 4,
+    WATCH = 8,
 };
 
-int report_failure(int status, const msg *m);
-int finish_output();
-
-int run_status(format form)
+int run_help(const invocation &)
 {
-    const status_result result = show_status(form);
-    const int printed = finish_output();
-    if (!result.serving)
-        return EXIT_REFUSED;
-    if (result.daemon == 0)
-        return printed;
-    msg m = {};
-    return report_failure(result.daemon, &m);
+    fputs(help, stdout);
+    return finish_output();
 }
-
-int run_check(format form)
-{
-    const int findings = show_check(form);
-    const int printed = finish_output();
-    return findings == 0 ? printed : EXIT_REFUSED;
-}
-
-// Commands that are more than one request; they take no operands.
-constexpr struct {
-    const char *name;
-    int (*run)(format form);
-} reports[] = {
-    {"status", run_status},
-    {"check", run_check},
-};
 
 constexpr int most_servers = 4;
 
+struct command {
+    const char *name;
+    int least; // operands
+    int most;
+    unsigned options;
+    int (*run)(const invocation &given);
+};
+
 constexpr command commands[] = {
-    {"list", DNSPROXY_DNS_SERVER_GETIFS, operand::none, 0, 0, send_plain, show_interfaces},
-    {"addrs", DNSPROXY_DNS_SERVER_GETADDRS, operand::none, 0, 0, send_plain, show_addresses},
-    {"get", DNSPROXY_DNS_SERVER_GET, operand::required, 0, 0, send_plain, show_servers},
-    {"set", DNSPROXY_DNS_SERVER_SET, operand::required, 0, most_servers, send_set, show_change},
-    {"add", DNSPROXY_DNS_SERVER_ADD, operand::required, 1, most_servers, send_new, show_change},
-    {"put", DNSPROXY_DNS_SERVER_ADDORSET, operand::required, 1, most_servers, send_new, show_change},
-    {"del", DNSPROXY_DNS_SERVER_DEL, operand::required, 0, 0, send_plain, show_change},
-    {"delall", DNSPROXY_DNS_SERVER_DELALL, operand::optional, 0, 0, send_plain, show_change},
+    {"status", 0, 0, JSON, run_status},
+    {"check", 0, 0, JSON, run_check},
+    {"stats", 0, 1, JSON | PROMETHEUS | REPEAT, run_stats},
+    {"list", 0, 0, JSON, run_pipe_command},
+    {"addrs", 0, 0, JSON, run_pipe_command},
+    {"get", 1, 1, JSON, run_pipe_command},
+    {"set", 1, 1 + most_servers, JSON, run_pipe_command},
+    {"add", 2, 1 + most_servers, JSON, run_pipe_command},
+    {"put", 2, 1 + most_servers, JSON, run_pipe_command},
+    {"del", 1, 1, JSON, run_pipe_command},
+    {"delall", 0, 0, JSON, run_pipe_command},
+    {"up", 1, 1, JSON, run_state},
+    {"down", 1, 1, JSON, run_state},
+    {"watch", 0, 0, WATCH, run_watch},
+    {"help", 0, 0, JSON, run_help},
 };
 
-constexpr int most_operands = 2 + most_servers; // command, interface, servers
+// Values of options without a letter.
+enum : int { OPT_PROMETHEUS = 256, OPT_WATCH, OPT_EVERY, OPT_DOWN, OPT_UP, OPT_QUERY, OPT_EXEC };
 
-struct arguments {
-    const char *operands[most_operands];
+constexpr option options[] = {
+    {"json", no_argument, nullptr, 'j'},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},
+    {"prometheus", no_argument, nullptr, OPT_PROMETHEUS},
+    {"watch", optional_argument, nullptr, OPT_WATCH},
+    {"every", required_argument, nullptr, OPT_EVERY},
+    {"down", required_argument, nullptr, OPT_DOWN},
+    {"up", required_argument, nullptr, OPT_UP},
+    {"query", required_argument, nullptr, OPT_QUERY},
+    {"exec", required_argument, nullptr, OPT_EXEC},
+    {nullptr, 0, nullptr, 0},
+};
+
+// What was read of the command line.
+struct command_line {
+    invocation given;
+    const char *words[1 + most_operands]; // the command and its operands
     int count;
-    const char *interface; // of --interface
-    format form;
+    const char *too_many; // the first word beyond them
+    struct {
+        unsigned kind;
+        const char *word;
+    } used[16]; // options, to be held against the command
+    int used_count;
 };
 
-[[gnu::format(printf, 1, 2)]] int usage_error(const char *text, ...)
+void append(command_line *line, const char *word)
+{
+    if (line->count < 1 + most_operands)
+        line->words[line->count++] = word;
+    else if (line->too_many == nullptr)
+        line->too_many = word;
+}
+
+void note(command_line *line, unsigned kind, const char *word)
+{
+    if (line->used_count < static_cast<int>(std::size(line->used)))
+        line->used[line->used_count++] = {kind, word};
+}
+
+// EXIT_DONE, or the end of the program.
+int take_option(command_line *line, int c)
+{
+    invocation *given = &line->given;
+    switch (c) {
+    case 'j':
+        given->form = format::json;
+        note(line, JSON, "--json");
+        return EXIT_DONE;
+    case OPT_PROMETHEUS:
+        given->form = format::prometheus;
+        note(line, PROMETHEUS, "--prometheus");
+        return EXIT_DONE;
+    case OPT_WATCH:
+        given->repeats = true;
+        note(line, REPEAT, "--watch");
+        if (optarg != nullptr && !read_interval(optarg, &given->interval_s))
+            return usage_error("--watch: %s is no number of seconds", optarg);
+        return EXIT_DONE;
+    case OPT_EVERY:
+        note(line, WATCH, "--every");
+        if (!read_number(optarg, 1, 86400, &given->every_s))
+            return usage_error("--every: %s is no number of seconds", optarg);
+        return EXIT_DONE;
+    case OPT_DOWN:
+    case OPT_UP: {
+        const char *word = c == OPT_DOWN ? "--down" : "--up";
+        note(line, WATCH, word);
+        if (!read_number(optarg, 1, 1000, c == OPT_DOWN ? &given->down_after : &given->up_after))
+            return usage_error("%s: %s is no number of rounds", word, optarg);
+        return EXIT_DONE;
+    }
+    case OPT_QUERY:
+        given->query = optarg;
+        note(line, WATCH, "--query");
+        return EXIT_DONE;
+    case OPT_EXEC:
+        given->exec = optarg;
+        note(line, WATCH, "--exec");
+        return EXIT_DONE;
+    default:
+        return EXIT_USAGE;
+    }
+}
+
+// The word at which the options could not go on.
+const char *wrong_option(char *const *argv)
+{
+    static char letter[] = "-?";
+    const char *word = argv[optind - 1];
+    if (optopt == 0 || optopt >= 256 || strncmp(word, "--", 2) == 0)
+        return word;
+    letter[1] = static_cast<char>(optopt);
+    return letter;
+}
+
+int finish_command(command_line *line)
+{
+    if (line->count == 0)
+        return usage_error("a command is missing, see '%s --help'", program);
+    invocation *given = &line->given;
+    given->command = line->words[0];
+    const char *name = given->command;
+    const command *c = std::find_if(std::begin(commands), std::end(commands),
+                                    [name](const command &each) { return strcmp(each.name, name) == 0; });
+    if (c == std::end(commands))
+        return usage_error("no such command: %s", name);
+    for (int i = 0; i < line->used_count; i++) {
+        if ((line->used[i].kind & c->options) == 0)
+            return usage_error("%s takes no option %s", name, line->used[i].word);
+    }
+    given->count = line->count - 1;
+    if (given->count < c->least)
+        return usage_error("%s: %s is missing", name, given->count == 0 ? "the interface" : "a server");
+    const char *too_many = given->count > c->most ? line->words[1 + c->most] : line->too_many;
+    if (too_many != nullptr)
+        return usage_error("%s: one word too many: %s", name, too_many);
+    std::copy_n(line->words + 1, given->count, given->operands);
+    return c->run(*given);
+}
+
+} // namespace
+
+int usage_error(const char *text, ...)
 {
     va_list values;
     va_start(values, text);
     fprintf(stderr, "%s: ", program);
     vfprintf(stderr, text, values);
-    fprintf(stderr, "\nTry '%s --help'.\n", program);
+    fputc('\n', stderr);
     va_end(values);
     return EXIT_USAGE;
 }
 
-// Whether everything could be printed.
+int failure(exit_status status, const char *text, ...)
+{
+    va_list values;
+    va_start(values, text);
+    (void)fflush(stdout);
+    fprintf(stderr, "%s: ", program);
+    vfprintf(stderr, text, values);
+    fputc('\n', stderr);
+    va_end(values);
+    return status;
+}
+
 int finish_output()
 {
     if (fflush(stdout) == 0 && ferror(stdout) == 0)
         return EXIT_DONE;
-    fprintf(stderr, "%s: standard output: %s\n", program, strerror(errno));
-    return EXIT_REFUSED;
+    return failure(EXIT_REFUSED, "standard output: %s", strerror(errno));
 }
 
-const char *words_for(int status, const msg *m)
+bool read_number(const char *text, int least, int most, int *number)
 {
-    switch (status) {
-    case DNSPROXY_EINVALID:
-        return "cannot be mapped to a device";
-    case DNSPROXY_ENOMEMORY:
-        return "out of memory";
-    case DNSPROXY_EEXISTS:
-        return m->noV6 == 0 ? "interface exists; its IPv6 servers were replaced" : "interface exists";
-    case DNSPROXY_ENOTFOUND:
-        return "no such interface";
-    default:
-        return "refused";
-    }
+    char *end = nullptr;
+    const long value = strtol(text, &end, 10);
+    *number = static_cast<int>(std::clamp<long>(value, least, most));
+    return end != text && *end == '\0' && *number == value;
 }
 
-int report_failure(int status, const msg *m)
+bool read_interval(const char *text, double *seconds)
 {
-    if (status == DNSPROXY_ERESOURCE) {
-        fprintf(stderr, "%s: the daemon cannot be reached (%d)\n", program, status);
-        return EXIT_UNREACHABLE;
-    }
-    fprintf(stderr, "%s: %s: %s (%d)\n", program, m->ifname, words_for(status, m), status);
-    return EXIT_REFUSED;
+    char *end = nullptr;
+    *seconds = strtod(text, &end);
+    return end != text && *end == '\0' && *seconds >= 0.1 && *seconds <= 86400;
 }
-
-int run(const command *c, const char *interface, const server_list *servers, format form)
-{
-    msg m = {};
-    m.op = c->op;
-    memcpy(m.ifname, interface, strlen(interface) + 1);
-    const int status = c->send(&m, servers);
-    if (status < 0)
-        return report_failure(status, &m);
-    c->show(&m, form);
-    if (c->op == DNSPROXY_DNS_SERVER_GETADDRS || c->op == DNSPROXY_DNS_SERVER_GETIFS)
-        free(trailing_data(&m));
-    return finish_output();
-}
-
-// Checks the operands of a command and runs it.
-int dispatch(const arguments *args)
-{
-    if (args->count == 0)
-        return usage_error("a command is missing");
-    const char *name = args->operands[0];
-    for (const auto &report : reports) {
-        if (strcmp(report.name, name) == 0)
-            return args->count > 1 ? usage_error("%s: too many arguments", name) : report.run(args->form);
-    }
-    const command *c = std::find_if(std::begin(commands), std::end(commands),
-                                    [name](const command &each) { return strcmp(each.name, name) == 0; });
-    if (c == std::end(commands))
-        return usage_error("no such command: %s", name);
-    if (c->interface == operand::required && args->count < 2)
-        return usage_error("%s: the interface is missing", name);
-    const bool named = c->interface != operand::none && args->count > 1;
-    if (named && args->interface != nullptr)
-        return usage_error("%s: the interface is given twice", name);
-
-    const char *interface = named ? args->operands[1] : args->interface != nullptr ? args->interface : any_interface;
-    if (interface[0] == '\0')
-        return usage_error("%s: the interface name is empty", name);
-    if (strlen(interface) >= sizeof msg::ifname)
-        return usage_error("%s: longer than %zu characters", interface, sizeof msg::ifname - 1);
-
-    const int first = named ? 2 : 1;
-    const int given = args->count - first;
-    if (given < c->servers_min)
-        return usage_error("%s: a server is missing", name);
-    if (given > c->servers_max)
-        return usage_error("%s: too many arguments", name);
-    server_list servers = {};
-    for (int i = first; i < args->count; i++) {
-        const char *wrong = servers_append(&servers, args->operands[i]);
-        if (wrong != nullptr)
-            return usage_error("%s: %s", args->operands[i], wrong);
-    }
-    return run(c, interface, &servers, args->form);
-}
-
-bool append(arguments *args, const char *operand)
-{
-    if (args->count == most_operands)
-        return false;
-    args->operands[args->count++] = operand;
-    return true;
-}
-
-} // namespace
 
 int main(int argc, char **argv)
 {
-    static constexpr option options[] = {
-        {"interface", required_argument, nullptr, 'i'},
-        {"json", no_argument, nullptr, 'j'},
-        {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'V'},
-        {nullptr, 0, nullptr, 0},
-    };
-    arguments args = {.operands = {}, .count = 0, .interface = nullptr, .form = format::columns};
-    bool fits = true;
+    command_line line = {};
+    line.given.form = format::columns;
+    line.given.interval_s = 2;
+    line.given.every_s = 10;
+    line.given.down_after = 3;
+    line.given.up_after = 2;
+    line.given.query = ".";
+    opterr = 0;
     // With the "-" operands come as option 1, among the options and in their order, whichever C library
     // this is.
-    for (int c = 0; (c = getopt_long(argc, argv, "-i:jhV", options, nullptr)) != -1;) {
-        switch (c) {
-        case 1:
-            fits = fits && append(&args, optarg);
-            break;
-        case 'i':
-            args.interface = optarg;
-            break;
-        case 'j':
-            args.form = format::json;
-            break;
-        case 'h':
-            fputs(help, stdout);
-            return finish_output();
-        case 'V':
+    for (int c = 0; (c = getopt_long(argc, argv, "-:jhV", options, nullptr)) != -1;) {
+        if (c == 1) {
+            append(&line, optarg);
+        } else if (c == 'h') {
+            return run_help(line.given);
+        } else if (c == 'V') {
             printf("%s %s\n", program, DNSPROXYCTL_VERSION);
             return finish_output();
-        default:
-            fprintf(stderr, "Try '%s --help'.\n", program);
-            return EXIT_USAGE;
+        } else if (c == ':') {
+            return usage_error("%s: its value is missing", argv[optind - 1]);
+        } else if (c == '?') {
+            return usage_error("no such option: %s", wrong_option(argv));
+        } else {
+            const int status = take_option(&line, c);
+            if (status != EXIT_DONE)
+                return status;
         }
     }
     for (; optind < argc; optind++) // after "--"
-        fits = fits && append(&args, argv[optind]);
-    if (!fits)
-        return usage_error("too many arguments");
-    return dispatch(&args);
+        append(&line, argv[optind]);
+    return finish_command(&line);
 }

@@ -139,6 +139,19 @@ bool process::is_daemon() const
     return pid > 0 && strcmp(name, "dnsproxyd") == 0;
 }
 
+bool process::is_other() const
+{
+    return pid > 0 && !is_daemon();
+}
+
+served port53::served() const
+{
+    if (ipv4.is_daemon() && ipv6.is_daemon())
+        return served::yes;
+    const bool may_be = (ipv4.is_daemon() || ipv4.is_hidden()) && (ipv6.is_daemon() || ipv6.is_hidden());
+    return may_be ? served::unknown : served::no;
+}
+
 port53 port53_owners()
 {
     return {.ipv4 = owner("/proc/net/udp"), .ipv6 = owner("/proc/net/udp6")};

@@ -9,14 +9,19 @@ struct process {
     char name[16];
 
     [[nodiscard]] bool is_daemon() const;
+    [[nodiscard]] bool is_other() const; // somebody else, for certain
+    [[nodiscard]] bool is_hidden() const { return pid < 0; }
 };
+
+enum class served { no, yes, unknown };
 
 struct port53 {
     process ipv4;
     process ipv6;
 
-    // The daemon serves when it has both: with one taken from it, it gives up the other unused.
-    [[nodiscard]] bool served() const { return ipv4.is_daemon() && ipv6.is_daemon(); }
+    // The daemon serves when it has both: with one taken from it, it gives up the other unused. Other users
+    // than root may not see who holds a port.
+    [[nodiscard]] enum served served() const;
 };
 
 // Of each family the daemon if it holds the port, else the first other process that has it at any address,

@@ -2,14 +2,8 @@
 #ifndef TOOLS_STATUS_H
 #define TOOLS_STATUS_H
 
-#include "answer.h"
+#include "command.h"
 
-struct status_result {
-    int daemon;   // negative: no daemon answered, with its code
-    bool serving; // over both families
-};
-
-// Prints the status to standard output.
-status_result show_status(format form);
+int run_status(const invocation &given);
 
 #endif

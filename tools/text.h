@@ -13,6 +13,13 @@ struct printable {
 // of its value.
 void put_json(const char *text);
 
+// The same in memory, of a short text: longer ones are cut.
+struct json_text {
+    char text[128];
+
+    explicit json_text(const char *from);
+};
+
 // The same, or null for null and for the empty text.
 void put_json_or_null(const char *text);
 

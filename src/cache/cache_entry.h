@@ -9,8 +9,8 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
-#include "core/platform/ipcom_list.h"
-#include "core/platform/ipcom_tmo2.h"
+#include "platform/ipcom_list.h"
+#include "platform/ipcom_tmo2.h"
 
 constexpr uint64_t DNSPROXY_ENTRY_ANSWERED = 1; // bit of `flags`: a reply was accepted
 
@@ -44,5 +44,11 @@ struct dnsproxy_cache_entry_v6 {
     uint64_t flags;
 };
 static_assert(offsetof(dnsproxy_cache_entry_v6, link) == 0);
+
+// When a record was made, which is when its query was first sent: nanoseconds of the timer service's clock.
+template <class Entry> int64_t entry_sent_at(const Entry &entry)
+{
+    return entry.tmo.deadline - int64_t{entry.timeout} * 1'000'000;
+}
 
 #endif

@@ -5,86 +5,62 @@
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
 #include "core/status.h"
+#include "iface/server_slot.h"
 
 namespace {
 
 using slot_check = int (*)(uint64_t slot);
 
-constexpr int no_slot = -1;
 constexpr char op[] = "dnsproxy_server_if_getServerAddress";
-
-// First usable slot from `begin` up to, not including, `end`.
-int first_usable(const dnsproxy_server_if *sif, slot_check check, int begin, int end)
-{
-    for (int slot = begin; slot < end && slot < DNSPROXY_SERVER_SLOTS; slot++) {
-        if (check(sif->dnsServer[slot]) != 0)
-            return slot;
-    }
-    return no_slot;
-}
-
-void log_choice(const dnsproxy_server_if *sif, int slot)
-{
-    DNSPROXY_LOG(DEBUG, op, 0, "ifname:%s,The %d dns is ok,address:%x.", sif->ifname, slot,
-                 static_cast<uint32_t>(sif->dnsServer[slot]));
-}
-
-// From the device's index upwards, which moves the index there.
-int choose_upwards(dnsproxy_server_if *sif, slot_check check)
-{
-    const int slot = first_usable(sif, check, sif->dnsIndex, DNSPROXY_SERVER_SLOTS);
-    if (slot != no_slot) {
-        sif->dnsIndex = slot;
-        log_choice(sif, slot);
-    }
-    return slot;
-}
-
-// Any slot of the device: upwards, else one below the index, which then stays.
-int choose_any(dnsproxy_server_if *sif, slot_check check)
-{
-    int slot = choose_upwards(sif, check);
-    if (slot == no_slot) {
-        slot = first_usable(sif, check, 0, sif->dnsIndex);
-        if (slot != no_slot)
-            log_choice(sif, slot);
-    }
-    return slot;
-}
 
 struct choice {
     dnsproxy_server_if *sif; // nullptr: none
     int slot;
 };
 
+constexpr choice none = {.sif = nullptr, .slot = DNSPROXY_NO_SLOT};
+
+// A choice from the line's index upwards moves the index there; one below it does not.
+choice choose(dnsproxy_server_if *sif, int slot)
+{
+    if (slot == DNSPROXY_NO_SLOT)
+        return none;
+    if (slot > sif->dnsIndex)
+        sif->dnsIndex = slot;
+    DNSPROXY_LOG(DEBUG, op, 0, "ifname:%s,The %d dns is ok,address:%x.", sif->ifname, slot,
+                 static_cast<uint32_t>(sif->dnsServer[slot]));
+    return {sif, slot};
+}
+
 choice choose_from(dnsproxy_server_if *sif, slot_check check)
 {
     for (; sif != nullptr; sif = ipcom_next(sif)) {
-        const int slot = choose_any(sif, check);
-        if (slot != no_slot) {
+        const auto usable = [&](int slot) { return check(sif->dnsServer[slot]) != 0; };
+        const choice chosen = choose(sif, server_slot_from_index(sif, usable));
+        if (chosen.sif != nullptr) {
             dnsproxy_data.cacheServerSet = 1;
             memcpy(dnsproxy_data.cacheServerIfname, sif->ifname, sizeof sif->ifname);
-            return {sif, slot};
+            return chosen;
         }
     }
-    return {nullptr, no_slot};
+    return none;
 }
 
 choice choose_by_cache_server(slot_check check)
 {
     if (dnsproxy_data.cacheServerSet != 1)
-        return {nullptr, no_slot};
+        return none;
     dnsproxy_server_if *sif = dnsproxy_server_if_get(dnsproxy_data.cacheServerIfname);
     if (sif == nullptr) {
         DNSPROXY_LOG(ERROR, op, 0, "Can not find the cache server if, maybe it has been delete(ifname:%s).",
                      dnsproxy_data.cacheServerIfname);
         dnsproxy_data.cacheServerSet = 0;
-        return {nullptr, no_slot};
+        return none;
     }
     if (sif->dnsIndex >= DNSPROXY_SERVER_SLOTS)
         return choose_from(ipcom_next(sif), check);
-    const int slot = choose_upwards(sif, check);
-    return {slot == no_slot ? nullptr : sif, slot};
+    const auto usable = [&](int slot) { return check(sif->dnsServer[slot]) != 0; };
+    return choose(sif, server_slot_first(sif->dnsIndex, DNSPROXY_SERVER_SLOTS, usable));
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// The cache server: one device singled out for a choice of a single server. The roads of the daemon choose by
-// the order of the server table (server_choice.h) and only reset this state. Main thread only.
+// The cache server: one line singled out for a choice of a single server. The request paths choose by the
+// order of the server table and only reset this state. Main thread only.
 #ifndef CACHE_CACHE_SERVER_H
 #define CACHE_CACHE_SERVER_H
 

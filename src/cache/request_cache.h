@@ -8,6 +8,7 @@
 #define CACHE_REQUEST_CACHE_H
 
 #include "cache/cache_entry.h"
+#include "cache/host.h"
 
 // Makes the list and the two tables; 0 or DNSPROXY_ENOMEMORY, then no table is left.
 [[nodiscard]] int dnsproxy_cache_init();
@@ -29,6 +30,14 @@ void dnsproxy_cache_deinit_v6();
 dnsproxy_cache_entry *dnsproxy_entry_find(uint64_t from, uint16_t port, uint16_t id);
 dnsproxy_cache_entry_v6 *dnsproxy_entry_find_v6(uint64_t from, const sockaddr_in6 *client, uint16_t port,
                                                 uint16_t id);
+
+// The same for callers that hold the host's record.
+[[nodiscard]] int request_cache_add(const host_key<host_v4> &key, uint16_t new_id, const char *ifname,
+                                    int32_t dnsIndex);
+[[nodiscard]] int request_cache_add(const host_key<host_v6> &key, uint16_t new_id, const char *ifname,
+                                    int32_t dnsIndex);
+dnsproxy_cache_entry *request_cache_find(const host_key<host_v4> &key);
+dnsproxy_cache_entry_v6 *request_cache_find(const host_key<host_v6> &key);
 
 // The newest live record under that identifier (host order), or nullptr.
 dnsproxy_cache_entry *dnsproxy_entry_findById(uint16_t new_id);

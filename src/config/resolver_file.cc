@@ -6,14 +6,12 @@
 #include <netinet/in.h>
 
 #include "config/effect_devices.h"
-#include "config/lines.h"
 #include "core/log.h"
 #include "core/status.h"
 #include "iface/server_if.h"
 
 namespace {
 
-constexpr char path[] = "/tmp/resolv.conf.auto";
 constexpr char blanks[] = " \t\r\n";
 constexpr char op[] = "dnsproxy_load_servers";
 constexpr size_t logical_size = 36; // one character more than can be mapped, so that no cut name is mapped
@@ -63,51 +61,38 @@ int begin_section(section *s, const char *logical)
     return 0;
 }
 
-void add_server_v6(section *s, const char *address)
+void add_server(section *s, const char *text)
 {
-    in6_addr parsed = {};
-    if (inet_pton(AF_INET6, address, &parsed) != 1)
-        return;
-    if (dnsproxy_log_is_on(DNSPROXY_LOG_DEBUG)) {
-        char text[INET6_ADDRSTRLEN] = {};
-        DNSPROXY_LOG(DEBUG, op, 0, "addrv6:%s", inet_ntop(AF_INET6, &parsed, text, sizeof text));
+    DNSPROXY_LOG(DEBUG, op, 0, "token:%s", text);
+    in6_addr address = {};
+    const int family = resolver_address(text, &address);
+    if (family == AF_INET6) {
+        if (dnsproxy_log_is_on(DNSPROXY_LOG_DEBUG)) {
+            char printed[INET6_ADDRSTRLEN] = {};
+            DNSPROXY_LOG(DEBUG, op, 0, "addrv6:%s", inet_ntop(AF_INET6, &address, printed, sizeof printed));
+        }
+        if (s->dns6_count < DNSPROXY_SERVER_SLOTS)
+            s->dns6[s->dns6_count++].sin6_addr = address;
+    } else if (family == AF_INET) {
+        in_addr_t v4 = 0;
+        memcpy(&v4, &address, sizeof v4);
+        DNSPROXY_LOG(DEBUG, op, 0, "addr:%x", v4);
+        if (s->dns_count < DNSPROXY_SERVER_SLOTS)
+            s->dns[s->dns_count++] = v4;
     }
-    if (s->dns6_count < DNSPROXY_SERVER_SLOTS)
-        s->dns6[s->dns6_count++].sin6_addr = parsed;
 }
 
-void add_server(section *s, const char *address)
-{
-    DNSPROXY_LOG(DEBUG, op, 0, "token:%s", address);
-    if (strchr(address, ':') != nullptr) {
-        add_server_v6(s, address);
-        return;
-    }
-    const in_addr_t parsed = inet_addr(address);
-    if (parsed == INADDR_NONE) // also 255.255.255.255, which is no server
-        return;
-    DNSPROXY_LOG(DEBUG, op, 0, "addr:%x", parsed);
-    if (s->dns_count < DNSPROXY_SERVER_SLOTS)
-        s->dns[s->dns_count++] = parsed;
-}
-
-int read_sections(text_file *file)
+int read_sections(resolver_file *file)
 {
     section s = {};
-    while (char *line = file->next_line()) {
-        char *rest = nullptr;
-        const char *keyword = strtok_r(line, blanks, &rest);
-        if (keyword == nullptr)
-            continue;
-        DNSPROXY_LOG(DEBUG, op, 0, "token:%s", keyword);
-        if (strcmp(keyword, "#Interface") == 0) {
-            const int status = begin_section(&s, strtok_r(nullptr, blanks, &rest));
+    for (resolver_entry entry = {}; file->next(&entry);) {
+        DNSPROXY_LOG(DEBUG, op, 0, "token:%s", entry.keyword);
+        if (entry.is_heading()) {
+            const int status = begin_section(&s, entry.value);
             if (status < 0)
                 return status;
-        } else if (strcmp(keyword, "nameserver") == 0) {
-            const char *address = strtok_r(nullptr, blanks, &rest);
-            if (address != nullptr)
-                add_server(&s, address);
+        } else if (entry.is_server() && entry.value != nullptr) {
+            add_server(&s, entry.value);
         }
     }
     return s.opened ? finish(&s) : 0;
@@ -115,12 +100,46 @@ int read_sections(text_file *file)
 
 } // namespace
 
+bool resolver_entry::is_heading() const
+{
+    return strcmp(keyword, "#Interface") == 0;
+}
+
+bool resolver_entry::is_server() const
+{
+    return strcmp(keyword, "nameserver") == 0;
+}
+
+bool resolver_file::next(resolver_entry *entry)
+{
+    while (char *line = text_.next_line()) {
+        char *rest = nullptr;
+        entry->keyword = strtok_r(line, blanks, &rest);
+        if (entry->keyword != nullptr) {
+            entry->value = strtok_r(nullptr, blanks, &rest);
+            return true;
+        }
+    }
+    return false;
+}
+
+int resolver_address(const char *text, void *address)
+{
+    if (strchr(text, ':') != nullptr)
+        return inet_pton(AF_INET6, text, address) == 1 ? AF_INET6 : 0;
+    const in_addr_t v4 = inet_addr(text);
+    if (v4 == INADDR_NONE) // also 255.255.255.255, which is no server
+        return 0;
+    memcpy(address, &v4, sizeof v4);
+    return AF_INET;
+}
+
 int dnsproxy_load_servers()
 {
-    text_file file(path);
+    resolver_file file;
     if (!file.is_open()) {
         const int error = errno;
-        DNSPROXY_LOG(ERROR, op, 0, "failed to read %s: %s", path, strerror(error));
+        DNSPROXY_LOG(ERROR, op, 0, "failed to read %s: %s", DNSPROXY_RESOLVER_FILE, strerror(error));
         return 0;
     }
     return read_sections(&file);

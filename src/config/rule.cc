@@ -63,3 +63,12 @@ dnsproxy_rule dnsproxy_rule_read(uci_section *section)
     }
     return r;
 }
+
+bool dnsproxy_rule_knows(const char *option)
+{
+    for (const auto &known : options) {
+        if (strcmp(option, known.option) == 0)
+            return true;
+    }
+    return false;
+}

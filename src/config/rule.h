@@ -1,5 +1,5 @@
-// One rule of the configuration store, and what its words mean: for the daemon, which applies it, and for
-// whoever has to read it as the daemon does.
+// One rule of the configuration store and the meaning of its options, for the daemon and for tools that must
+// read a rule as the daemon does.
 #ifndef CONFIG_RULE_H
 #define CONFIG_RULE_H
 
@@ -21,5 +21,8 @@ struct dnsproxy_rule {
 // The options of a section of type "rule". A list counts as its last item, as an option that is given twice
 // counts as its last.
 dnsproxy_rule dnsproxy_rule_read(uci_section *section);
+
+// Whether a rule has an option of that name.
+bool dnsproxy_rule_knows(const char *option);
 
 #endif

@@ -2,18 +2,18 @@
 
 #include <csignal>
 #include <cstring>
-#include <iterator>
 #include <libubus.h>
 #include <pthread.h>
 
+#include "control/bus_statistics.h"
+#include "control/own_signals.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
-#include "core/platform/mutex_guard.h"
 #include "iface/server_if.h"
+#include "platform/mutex_guard.h"
 
 namespace {
 
-constexpr char socket_path[] = "/var/run/ubus.sock";
 constexpr int reconnect_s = 2;
 constexpr size_t field_size = 32; // of a method's text field, with its NUL
 
@@ -23,47 +23,6 @@ uloop_timeout dnsproxy_reconnect_timer;
 blob_buf reply_buf;
 bool reconnecting; // a reconnect is under way
 bool lost_again;   // and has lost its connection meanwhile
-
-void end_process(int number)
-{
-    // It ends with the first round, unless the library takes the default action for its own between the
-    // calls.
-    sigset_t only;
-    sigemptyset(&only);
-    sigaddset(&only, number);
-    (void)pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
-    for (;;) {
-        (void)signal(number, SIG_DFL);
-        (void)raise(number);
-    }
-}
-
-// The bus library takes over SIGINT, SIGTERM and SIGCHLD while it connects, if they have their default
-// action, and then waits for the bus without a limit. Around such calls the first two get a handler that does
-// what the default does, which the library leaves alone; afterwards all three are as they were, so that one
-// SIGTERM ends the daemon at any time and children stay with whoever made them.
-class own_signals {
-public:
-    own_signals()
-    {
-        for (size_t i = 0; i < std::size(numbers); i++) {
-            (void)sigaction(numbers[i], nullptr, &before_[i]);
-            if (numbers[i] != SIGCHLD && before_[i].sa_handler == SIG_DFL)
-                (void)signal(numbers[i], end_process);
-        }
-    }
-    ~own_signals()
-    {
-        for (size_t i = 0; i < std::size(numbers); i++)
-            (void)sigaction(numbers[i], &before_[i], nullptr);
-    }
-    own_signals(const own_signals &) = delete;
-    own_signals &operator=(const own_signals &) = delete;
-
-private:
-    static constexpr int numbers[] = {SIGINT, SIGTERM, SIGCHLD};
-    struct sigaction before_[std::size(numbers)];
-};
 
 enum update_field { UPDATE_NAME, UPDATE_DEV, UPDATE_STATUS, UPDATE_FIELDS };
 
@@ -83,8 +42,8 @@ void copy_field(blob_attr *field, char (&text)[field_size])
 int dnsproxy_update_if(ubus_context *, ubus_object *, ubus_request_data *, const char *, blob_attr *message)
 {
     blob_attr *fields[UPDATE_FIELDS] = {};
-    (void)blobmsg_parse(update_policy, UPDATE_FIELDS, fields, blob_data(message),
-                        static_cast<unsigned int>(blob_len(message)));
+    blobmsg_parse(update_policy, UPDATE_FIELDS, fields, blob_data(message),
+                  static_cast<unsigned int>(blob_len(message)));
     for (const blob_attr *field : fields) {
         if (field == nullptr)
             return UBUS_STATUS_INVALID_ARGUMENT;
@@ -97,28 +56,39 @@ int dnsproxy_update_if(ubus_context *, ubus_object *, ubus_request_data *, const
     copy_field(fields[UPDATE_STATUS], status);
     const uint64_t is_down = strcmp(status, "on") == 0 ? 0 : 1;
     DNSPROXY_LOG(DEBUG, __func__, 0, "dns proxy ubus name:%s dev:%s status:%s\r\n", name, dev, status);
-    (void)dnsproxy_server_if_state_up(dev, &is_down); // an unknown device is no error of the caller's
+    dnsproxy_server_if_state_up(dev, &is_down); // an unknown device is no error of the caller's
     return UBUS_STATUS_OK;
 }
 
-void dnsproxy_server_if_fillState(blob_buf *buf)
+bool add_state(blob_buf *buf, const dnsproxy_server_if *sif)
+{
+    void *table = blobmsg_open_nested(buf, sif->ifname, false);
+    if (table == nullptr)
+        return false;
+    const bool added = blobmsg_add_string(buf, "dev", sif->ifname) == 0 &&
+                       blobmsg_add_string(buf, "status", server_if_is_down(sif) ? "off" : "on") == 0;
+    blob_nest_end(buf, table);
+    return added;
+}
+
+// False without memory for all lines. The message must have been initialised: the library does not test it.
+bool dnsproxy_server_if_fillState(blob_buf *buf)
 {
     const mutex_guard lock(&dnsproxy_data.serverIfLock);
     for (const auto *sif = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList); sif != nullptr;
          sif = ipcom_next(sif)) {
-        void *table = blobmsg_open_nested(buf, sif->ifname, false);
-        (void)blobmsg_add_string(buf, "dev", sif->ifname);
-        (void)blobmsg_add_string(buf, "status", server_if_is_down(sif) ? "off" : "on");
-        blob_nest_end(buf, table);
+        if (!add_state(buf, sif))
+            return false;
     }
+    return true;
 }
 
 int dnsproxy_get_state(ubus_context *ctx, ubus_object *, ubus_request_data *request, const char *,
                        blob_attr *)
 {
-    (void)blob_buf_init(&reply_buf, 0);
-    dnsproxy_server_if_fillState(&reply_buf);
-    (void)ubus_send_reply(ctx, request, reply_buf.head); // a caller that has gone misses nothing
+    if (blob_buf_init(&reply_buf, 0) != 0 || !dnsproxy_server_if_fillState(&reply_buf))
+        return UBUS_STATUS_UNKNOWN_ERROR;
+    ubus_send_reply(ctx, request, reply_buf.head); // a caller that has gone misses nothing
     return UBUS_STATUS_OK;
 }
 
@@ -143,7 +113,7 @@ ubus_object dnsproxy_object;
 
 void listen_to_bus()
 {
-    (void)uloop_fd_add(&dnsproxy_ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
+    uloop_fd_add(&dnsproxy_ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
 }
 
 bool reconnect()
@@ -151,7 +121,7 @@ bool reconnect()
     reconnecting = true;
     lost_again = false;
     const own_signals signals;
-    const bool connected = ubus_reconnect(dnsproxy_ctx, socket_path) == 0;
+    const bool connected = ubus_reconnect(dnsproxy_ctx, BUS_SOCKET) == 0;
     // The library has closed its socket but may keep the number, which can be another thread's descriptor by
     // the next attempt. A connection that stands is closed by that attempt.
     if (!connected)
@@ -174,14 +144,16 @@ void ubus_connection_lost(ubus_context *)
         DNSPROXY_LOG(ERROR, __func__, 0, "dnsproxy_ctx is NULL\n");
         return;
     }
+    bus_statistics_withdraw();
     if (reconnect()) {
         DNSPROXY_LOG(ERROR, __func__, 0, "reconnected to ubus, new id: %08x\n", dnsproxy_ctx->local_id);
         listen_to_bus();
+        bus_statistics_publish();
         return;
     }
 
     DNSPROXY_LOG(ERROR, __func__, 0, "failed to reconnect, trying again in %d seconds\n", reconnect_s);
-    (void)uloop_timeout_set(&dnsproxy_reconnect_timer, reconnect_s * 1000);
+    uloop_timeout_set(&dnsproxy_reconnect_timer, reconnect_s * 1000);
 }
 
 void dnsproxy_reconnect_cb(uloop_timeout *)
@@ -194,7 +166,7 @@ bool publish()
 {
     const own_signals signals;
     if (dnsproxy_ctx == nullptr)
-        dnsproxy_ctx = ubus_connect(socket_path);
+        dnsproxy_ctx = ubus_connect(BUS_SOCKET);
     if (dnsproxy_ctx == nullptr) {
         DNSPROXY_LOG(ERROR, "dnsproxy_ubus_init", 0, "Failed to connect to ubus\n");
         return false;
@@ -208,7 +180,7 @@ bool publish()
         dnsproxy_ctx = nullptr;
         return false;
     }
-    (void)uloop_init();
+    uloop_init();
     listen_to_bus();
     return true;
 }
@@ -219,13 +191,15 @@ void *dnsproxy_ubus_init(void *)
     sigset_t sigpipe;
     sigemptyset(&sigpipe);
     sigaddset(&sigpipe, SIGPIPE);
-    (void)pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
+    pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
 
     uloop_handle_sigchld = false;
     dnsproxy_reconnect_timer.cb = dnsproxy_reconnect_cb;
     if (!publish())
         return nullptr;
+    bus_statistics_publish();
     uloop_run();
+    bus_statistics_withdraw();
     uloop_done();
     ubus_free(dnsproxy_ctx);
     dnsproxy_ctx = nullptr;
@@ -236,6 +210,6 @@ void *dnsproxy_ubus_init(void *)
 
 int dnsproxy_ubus_start()
 {
-    (void)pthread_create(&dnsproxy_data.ubusThread, nullptr, dnsproxy_ubus_init, nullptr);
+    pthread_create(&dnsproxy_data.ubusThread, nullptr, dnsproxy_ubus_init, nullptr);
     return 0;
 }

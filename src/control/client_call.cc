@@ -1,5 +1,5 @@
-// The client's side of the request pipe; what other programs link. It writes no log: a library does not
-// print, and its results say what went wrong.
+// The client's side of the request pipe, a library for other programs. It does not print: its results say
+// what failed.
 
 #include <dnsproxy/client.h>
 
@@ -14,8 +14,9 @@
 #include <pthread.h>
 #include <sys/random.h>
 
+#include "control/client_call.h"
 #include "control/public_msg.h"
-#include "core/platform/qxcom_nmpipe.h"
+#include "platform/qxcom_nmpipe.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ constexpr int name_attempts = 16;
 int64_t now_ms()
 {
     timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
@@ -41,9 +42,9 @@ public:
         sigaddset(&sigpipe_, SIGPIPE);
         sigset_t pending;
         sigemptyset(&pending);
-        (void)sigpending(&pending);
+        sigpending(&pending);
         was_pending_ = sigismember(&pending, SIGPIPE) == 1;
-        (void)pthread_sigmask(SIG_BLOCK, &sigpipe_, &callers_);
+        pthread_sigmask(SIG_BLOCK, &sigpipe_, &callers_);
     }
     ~sigpipe_guard()
     {
@@ -52,7 +53,7 @@ public:
         // Takes the signal of our own write, never one that was waiting for the caller.
         while (!was_pending_ && sigtimedwait(&sigpipe_, nullptr, &at_once) < 0 && errno == EINTR) {
         }
-        (void)pthread_sigmask(SIG_SETMASK, &callers_, nullptr);
+        pthread_sigmask(SIG_SETMASK, &callers_, nullptr);
         errno = error;
     }
     sigpipe_guard(const sigpipe_guard &) = delete;
@@ -68,7 +69,12 @@ private:
 class pipe_end {
 public:
     explicit pipe_end(int fd) : fd_(fd) {}
-    ~pipe_end() { qxcom_nmpipe_close(fd_); }
+    ~pipe_end()
+    {
+        const int error = errno; // of what failed before
+        qxcom_nmpipe_close(fd_);
+        errno = error;
+    }
     pipe_end(const pipe_end &) = delete;
     pipe_end &operator=(const pipe_end &) = delete;
     [[nodiscard]] int fd() const { return fd_; }
@@ -83,8 +89,10 @@ public:
     reply_pipe() = default;
     ~reply_pipe()
     {
+        const int error = errno;
         if (name_[0] != '\0')
             qxcom_nmpipe_delete(name_);
+        errno = error;
     }
     reply_pipe(const reply_pipe &) = delete;
     reply_pipe &operator=(const reply_pipe &) = delete;
@@ -97,7 +105,7 @@ public:
             char name[sizeof name_];
             if (getrandom(&drawn, sizeof drawn, 0) != sizeof drawn)
                 return false;
-            (void)snprintf(name, sizeof name, "dnsp_%u", drawn);
+            snprintf(name, sizeof name, "dnsp_%u", drawn);
             if (qxcom_nmpipe_create_new(name, reply_capacity, reply_largest) >= 0) {
                 memcpy(name_, name, sizeof name_);
                 return true;
@@ -112,25 +120,31 @@ private:
     char name_[16] = {};
 };
 
+// False: nothing came in time, with ETIMEDOUT, or the wait failed.
 bool wait_readable(int fd, int64_t deadline)
 {
     for (;;) {
         pollfd p = {.fd = fd, .events = POLLIN, .revents = 0};
         const int ready = poll(&p, 1, static_cast<int>(std::max<int64_t>(deadline - now_ms(), 0)));
+        if (ready == 0)
+            errno = ETIMEDOUT;
         if (ready >= 0 || errno != EINTR)
             return ready == 1;
     }
 }
 
-// Whether exactly `length` bytes came, in one message or in those of a longer block.
+// Whether exactly `length` bytes came, in one message or in those of a longer block; else errno is set.
 bool read_exactly(int fd, void *buffer, size_t length, int64_t deadline)
 {
     auto *bytes = static_cast<char *>(buffer);
     while (length > 0) {
         const size_t part = std::min(length, NMPIPE_MESSAGE_MAX);
-        if (!wait_readable(fd, deadline) ||
-            qxcom_nmpipe_read(fd, bytes, part) != static_cast<ptrdiff_t>(part))
+        if (!wait_readable(fd, deadline))
             return false;
+        if (qxcom_nmpipe_read(fd, bytes, part) != static_cast<ptrdiff_t>(part)) {
+            errno = EPROTO;
+            return false;
+        }
         bytes += part;
         length -= part;
     }
@@ -180,6 +194,11 @@ int dnsproxy_public_pipeOpen(int *fd)
 
 int dnsproxy_public_dnsServer(dnsproxy_public_msg *msg)
 {
+    return dnsproxy_client_request(msg, reply_wait_ms);
+}
+
+int dnsproxy_client_request(dnsproxy_public_msg *msg, int64_t wait_ms)
+{
     if (msg == nullptr)
         return DNSPROXY_EINVALID;
     int fd = -1;
@@ -194,13 +213,15 @@ int dnsproxy_public_dnsServer(dnsproxy_public_msg *msg)
     if (!write_request(request.fd(), msg))
         return DNSPROXY_ERESOURCE;
 
-    const int64_t deadline = now_ms() + reply_wait_ms;
+    const int64_t deadline = now_ms() + wait_ms;
     const pipe_end answer(qxcom_nmpipe_open(pipe.name(), NMPIPE_READ, 0));
     dnsproxy_public_msg reply = {};
     if (answer.fd() < 0 || !read_exactly(answer.fd(), &reply, sizeof reply, deadline))
         return DNSPROXY_ERESOURCE;
-    if (reply.result < 0)
+    if (reply.result < 0) {
+        errno = EREMOTEIO; // it is the daemon's
         return reply.result;
+    }
     if (has_trailing_data(msg->op)) {
         const int status = read_trailing_data(answer.fd(), &reply, deadline);
         if (status < 0)

@@ -7,12 +7,12 @@
 #include <net/if.h>
 #include <pthread.h>
 
-#include "core/platform/ipcom_hash.h"
-#include "core/platform/ipcom_list.h"
-#include "core/platform/ipcom_tmo2.h"
+#include "core/counters.h"
+#include "platform/ipcom_hash.h"
+#include "platform/ipcom_list.h"
+#include "platform/ipcom_tmo2.h"
 
 constexpr char DNSPROXY_REQUEST_PIPE[] = "dnsproxypublicrecvpipe";
-constexpr int DNSPROXY_REQUEST_CAPACITY = 200; // messages
 
 struct dnsproxy_data {
     int32_t dnsproxyCacheTimeout = 10000; // milliseconds that a query in flight is remembered
@@ -24,7 +24,7 @@ struct dnsproxy_data {
     ipcom_list listenIfList; // dnsproxy_listen_if, in the order of the rules
     ipcom_hash *listenIfHash;
     // The main thread alone adds, removes and moves server interfaces, under the lock; the bus thread reads
-    // list and table under it. It is never held across a system call other than for memory.
+    // list and table under it. It is held across no system call but those for memory.
     pthread_mutex_t serverIfLock = PTHREAD_MUTEX_INITIALIZER;
     ipcom_list serverIfList; // dnsproxy_server_if, in the order in which they are tried
     ipcom_hash *serverIfHash;
@@ -46,12 +46,24 @@ struct dnsproxy_data {
     uint32_t cacheServerSet; // 1: cacheServerIfname is chosen
     char cacheServerIfname[IF_NAMESIZE];
 
-    uint16_t nextNewId = 1; // host order; the next identifier of a forwarded query, of either family
+    // The next identifier of a forwarded query of either family, host order. Drawn by forward/identifier.h
+    // alone.
+    uint16_t nextNewId = 1;
     int listenFd;
     int listenFd6;
-    bool upstreamFdsChanged = true; // since the read set of the wait was built
-    int32_t specIface;              // 1: the latest query came in on a forced listen interface
-    uint8_t pendingIdMap[128];      // 1024 bits
+    // An upstream socket was opened or closed since the loop built its read set. Kept by
+    // iface/upstream_socket.cc.
+    bool upstreamFdsChanged = true;
+    // 1: the latest query came in on a forced listen interface. Set by forward/request.cc, read for each
+    // reply.
+    int32_t specIface;
+    uint8_t pendingIdMap[128]; // 1024 bits
+
+    int64_t startedAt; // nanoseconds of the timer service's clock
+    query_counters queryCounters;
+    query_counters queryCounters6;
+    record_counters recordCounters;
+    record_counters recordCounters6;
 
     int intfFd;
     struct if_nameindex *ifNameIndex; // nullptr: empty
@@ -59,17 +71,5 @@ struct dnsproxy_data {
 };
 
 extern struct dnsproxy_data dnsproxy_data;
-
-// Makes the timer service and clears the cache-server state; 0 or DNSPROXY_ERESOURCE.
-[[nodiscard]] int dnsproxy_data_init();
-
-// Deletes the timer service, if there is one.
-void dnsproxy_data_deinit();
-
-// Makes the request pipe. The non-negative result of its creation, or DNSPROXY_ERESOURCE.
-[[nodiscard]] int dnsproxy_pipe_init();
-
-// Deletes the request pipe, if there is one.
-void dnsproxy_pipe_deinit();
 
 #endif

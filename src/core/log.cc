@@ -4,23 +4,23 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr size_t piece_max = 4096; // what a pipe that polls writable takes whole
+constexpr size_t piece_max = 4096; // a pipe that polls writable takes this much whole
 constexpr size_t line_max = 2048;  // longer log lines are cut
 
 constexpr const char *level_names[] = {"Emergency", "Alert",       "Critical", "Error", "Warning",
                                        "Notice",    "Information", "Debug",    "Trace"};
 
-// Whether writes to it end by themselves, however slowly.
-bool takes_everything(int fd)
+bool is_file(int fd)
 {
     struct stat st = {};
-    return fstat(fd, &st) == 0 && (S_ISREG(st.st_mode) || isatty(fd) == 1);
+    return fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
 }
 
 bool takes_now(int fd)
@@ -29,23 +29,43 @@ bool takes_now(int fd)
     return poll(&p, 1, 0) == 1 && (p.revents & POLLOUT) != 0;
 }
 
+// Writes until `fd` takes no more. A descriptor that can block is asked before each piece; a file never
+// stalls.
+void write_pieces(int fd, bool can_block, const char *text, size_t length)
+{
+    while (length > 0) {
+        if (can_block && !takes_now(fd))
+            return;
+        const ssize_t put = write(fd, text, std::min(length, piece_max));
+        if (put < 0 && errno == EINTR)
+            continue;
+        if (put <= 0)
+            return;
+        text += put;
+        length -= static_cast<size_t>(put);
+    }
+}
+
+// A terminal that polls writable may take less than a piece, so it is written without waiting. O_NONBLOCK on
+// standard output itself would be set for every program that shares it: the terminal is opened again.
+void write_to_terminal(const char *text, size_t length)
+{
+    const int fd = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    write_pieces(fd, false, text, length);
+    close(fd);
+}
+
 } // namespace
 
 void dnsproxy_output(const char *text, size_t length)
 {
     const int error = errno;
-    const bool patient = takes_everything(STDOUT_FILENO);
-    while (length > 0) {
-        if (!patient && !takes_now(STDOUT_FILENO))
-            break;
-        const ssize_t put = write(STDOUT_FILENO, text, std::min(length, piece_max));
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put <= 0)
-            break;
-        text += put;
-        length -= static_cast<size_t>(put);
-    }
+    if (isatty(STDOUT_FILENO) == 1)
+        write_to_terminal(text, length);
+    else
+        write_pieces(STDOUT_FILENO, !is_file(STDOUT_FILENO), text, length);
     errno = error;
 }
 
@@ -74,7 +94,7 @@ dnsproxy_dump::dnsproxy_dump() : file_(open_memstream(&text_, &length_)) {}
 dnsproxy_dump::~dnsproxy_dump()
 {
     if (file_ != nullptr)
-        (void)fclose(file_);
+        fclose(file_);
     free(text_);
 }
 

@@ -47,9 +47,9 @@ inline bool dnsproxy_log_is_on(dnsproxy_log_level level)
 [[gnu::cold, gnu::format(printf, 5, 6)]] void
 dnsproxy_log_write(dnsproxy_log_level level, const char *op, int line, int status, const char *format, ...);
 
-// Writes to standard output in pieces of at most 4096 bytes. A file or a terminal gets everything; a pipe or
-// a socket gets each piece only if it can take it at once, so that a reader that stalls or has gone loses
-// output and never holds up the service.
+// Writes to standard output in pieces of at most 4096 bytes. A file gets everything; a pipe, a socket or a
+// terminal gets only what it can take at once, so that a reader that stalls or has gone loses output and
+// never holds up the service.
 void dnsproxy_output(const char *text, size_t length);
 
 // Collects the text of a dump in memory:
@@ -65,9 +65,9 @@ public:
     void write();
 
 private:
-    FILE *file_;
-    char *text_ = nullptr;
+    char *text_ = nullptr; // open_memstream keeps the addresses of these two
     size_t length_ = 0;
+    FILE *file_;
 };
 
 #endif

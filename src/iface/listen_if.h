@@ -1,12 +1,15 @@
 // The listen interface table: one record per local device whose hosts are served. Made once from the rules,
 // read on every query, never freed while the daemon runs. Main thread only.
+//
+// The hash table serves the test for duplicates alone. The path of a query walks the list: rules are few, and
+// the compare callback of the hash prints.
 #ifndef IFACE_LISTEN_IF_H
 #define IFACE_LISTEN_IF_H
 
 #include <cstddef>
 #include <cstdint>
 
-#include "core/platform/ipcom_list.h"
+#include "platform/ipcom_list.h"
 
 struct dnsproxy_listen_if {
     ipcom_list link;         // in listenIfList
@@ -16,12 +19,6 @@ struct dnsproxy_listen_if {
     uint32_t polling;        // 1: a query goes to the servers of every line at once
 };
 static_assert(offsetof(dnsproxy_listen_if, link) == 0);
-
-// Makes the lists and tables of the listen and the server interfaces; 0 or DNSPROXY_ERESOURCE.
-[[nodiscard]] int dnsproxy_if_init();
-
-// Deletes both tables, where they are there. Records are not freed.
-void dnsproxy_if_deinit();
 
 // Adds a device. It is forced when `specify` is nonzero and `out_ifname` is not null. 0; DNSPROXY_EEXISTS
 // (the first record stays as it is), DNSPROXY_ENOMEMORY, or DNSPROXY_EINVALID for a name above 15
@@ -41,5 +38,10 @@ dnsproxy_listen_if *dnsproxy_listen_if_findByname(const char *ifname);
 
 // Removes a device; 0 or DNSPROXY_ENOTFOUND.
 [[nodiscard]] int dnsproxy_listen_if_destroy(const char *ifname);
+
+// The hash table, for dnsproxy_if_init and dnsproxy_if_deinit. 0 or DNSPROXY_ERESOURCE. Records are not
+// freed.
+[[nodiscard]] int listen_if_table_init();
+void listen_if_table_deinit();
 
 #endif

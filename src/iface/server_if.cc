@@ -2,14 +2,14 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
-#include "core/platform/mutex_guard.h"
 #include "core/status.h"
 #include "iface/if_show.h"
 #include "iface/ifname.h"
+#include "iface/upstream_socket.h"
+#include "platform/mutex_guard.h"
 
 namespace {
 
@@ -42,11 +42,11 @@ bool enter_record(dnsproxy_server_if *sif)
 
 void remove_record(dnsproxy_server_if *sif)
 {
-    dnsproxy_server_if_close(&sif->serverFd, &sif->serverTmo);
-    dnsproxy_server_if_close(&sif->serverFd6, &sif->serverTmo6);
+    upstream_socket_close(&sif->serverFd, &sif->serverTmo);
+    upstream_socket_close(&sif->serverFd6, &sif->serverTmo6);
     {
         const mutex_guard lock(&dnsproxy_data.serverIfLock);
-        (void)ipcom_hash_remove(dnsproxy_data.serverIfHash, sif);
+        ipcom_hash_remove(dnsproxy_data.serverIfHash, sif);
         ipcom_list_remove(&sif->link);
     }
     free(sif);
@@ -73,16 +73,36 @@ bool set_link_state(const char *ifname, const uint64_t *is_down)
     return true;
 }
 
-// Whether an IPv6 address in text form is "::". Asked for each empty slot that a query comes by.
-bool is_unspecified(const char *text)
+// A server that is replaced leaves its numbers behind. Under the lock: the bus thread reads servers.
+void set_slot(dnsproxy_server_if *sif, int slot, const uint64_t *address)
 {
-    return text[0] == ':' && text[1] == ':' && text[2] == '\0';
+    if (address == nullptr || *address == 0 || *address == sif->dnsServer[slot])
+        return;
+    sif->dnsServer[slot] = *address;
+    counters_clear(&sif->counters.slots[slot]);
 }
 
-void set_slot(uint64_t *slot, const uint64_t *address)
+void set_slot_v6(dnsproxy_server_if *sif, int slot, const sockaddr_in6 *address)
 {
-    if (address != nullptr && *address != 0)
-        *slot = *address;
+    if (address == nullptr)
+        return;
+    if (!IN6_ARE_ADDR_EQUAL(&address->sin6_addr, &sif->dnsServer6[slot].sin6_addr))
+        counters_clear(&sif->counters6.slots[slot]);
+    sif->dnsServer6[slot] = *address;
+}
+
+void set_servers_v6(dnsproxy_server_if *sif, const sockaddr_in6 *dns6, const sockaddr_in6 *dns6_2)
+{
+    const mutex_guard lock(&dnsproxy_data.serverIfLock);
+    set_slot_v6(sif, 0, dns6);
+    set_slot_v6(sif, 1, dns6_2);
+}
+
+void set_servers(dnsproxy_server_if *sif, const uint64_t *dns, const uint64_t *dns2)
+{
+    const mutex_guard lock(&dnsproxy_data.serverIfLock);
+    set_slot(sif, 0, dns);
+    set_slot(sif, 1, dns2);
 }
 
 } // namespace
@@ -95,10 +115,9 @@ int server_if_table_init()
 
 void server_if_table_deinit()
 {
-    if (dnsproxy_data.serverIfHash != nullptr) {
+    if (dnsproxy_data.serverIfHash != nullptr)
         ipcom_hash_delete(dnsproxy_data.serverIfHash);
-        dnsproxy_data.serverIfHash = nullptr;
-    }
+    dnsproxy_data.serverIfHash = nullptr;
 }
 
 int dnsproxy_server_if_new(const char *ifname, uint64_t dns, uint64_t dns2, const sockaddr_in6 *dns6,
@@ -116,9 +135,8 @@ int dnsproxy_server_if_new(const char *ifname, uint64_t dns, uint64_t dns2, cons
     dnsproxy_server_if *sif = dnsproxy_server_if_get(ifname);
     if (sif != nullptr) {
         if (noV6 != 1 && dns6 != nullptr && dns6_2 != nullptr) {
-            sif->dnsServer6[0] = *dns6;
-            sif->dnsServer6[1] = *dns6_2;
-            dnsproxy_server_if_close(&sif->serverFd6, &sif->serverTmo6);
+            set_servers_v6(sif, dns6, dns6_2);
+            upstream_socket_close(&sif->serverFd6, &sif->serverTmo6);
         }
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_EEXISTS, "The server if has already exist(ifname:%s).",
                      ifname);
@@ -142,6 +160,7 @@ int dnsproxy_server_if_new(const char *ifname, uint64_t dns, uint64_t dns2, cons
     sif->serverFd = -1;
     sif->serverFd6 = -1;
     sif->sockTimeout = socket_idle_ms;
+    sif->made_at = ipcom_tmo2_clock();
     if (!enter_record(sif)) {
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ENOMEMORY, "No memory to create server if(ifname:%s).",
                      ifname);
@@ -159,16 +178,10 @@ int dnsproxy_server_if_set(const char *ifname, const uint64_t *dns, const uint64
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ENOTFOUND, "Can not find the server if(ifname:%s).", ifname);
         DNSPROXY_RETURN(__func__, DNSPROXY_ENOTFOUND);
     }
-    if (noV4 != 1) {
-        set_slot(&sif->dnsServer[0], dns);
-        set_slot(&sif->dnsServer[1], dns2);
-    }
-    if (noV6 != 1) {
-        if (dns6 != nullptr)
-            sif->dnsServer6[0] = *dns6;
-        if (dns6_2 != nullptr)
-            sif->dnsServer6[1] = *dns6_2;
-    }
+    if (noV4 != 1)
+        set_servers(sif, dns, dns2);
+    if (noV6 != 1)
+        set_servers_v6(sif, dns6, dns6_2);
     DNSPROXY_RETURN(__func__, 0);
 }
 
@@ -227,23 +240,6 @@ void dnsproxy_server_if_make_last(dnsproxy_server_if *sif)
     ipcom_list_insert_before(&dnsproxy_data.serverIfList, &sif->link);
 }
 
-bool server_if_all_down_now()
-{
-    const mutex_guard lock(&dnsproxy_data.serverIfLock);
-    return server_if_all_down();
-}
-
-void dnsproxy_server_if_close(int32_t *fd, ipcom_tmo2 *idle_timer)
-{
-    if (*fd > 0) {
-        ipcom_tmo2_cancel(idle_timer);
-        ipcom_tmo2_forget(dnsproxy_data.tmo2Head, *fd);
-        (void)close(*fd);
-        dnsproxy_data.upstreamFdsChanged = true;
-    }
-    *fd = -1;
-}
-
 int dnsproxy_server_addr_check(uint64_t slot)
 {
     return slot != 0 ? 1 : 0;
@@ -251,7 +247,7 @@ int dnsproxy_server_addr_check(uint64_t slot)
 
 int dnsproxy_check_dnsserver_v6(const char *text)
 {
-    if (text != nullptr && !is_unspecified(text))
+    if (text != nullptr && strcmp(text, "::") != 0)
         return 1;
     DNSPROXY_LOG(ERROR, __func__, 0, "IPv6 DNS server is empty!\n");
     return 0;

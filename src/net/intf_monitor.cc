@@ -6,11 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "core/descriptor.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
 #include "core/status.h"
 #include "iface/ifname.h"
-#include "net/proxy_socket.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ void rebuild(const char *op)
 
 int dnsproxy_intf_socket_open()
 {
-    dnsproxy_data.intfFd = net_socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
+    dnsproxy_data.intfFd = descriptor_socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
     if (dnsproxy_data.intfFd < 0) {
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ERESOURCE, "Fail to create dnsproxy intf socket.");
         DNSPROXY_RETURN(__func__, DNSPROXY_ERESOURCE);
@@ -58,8 +58,7 @@ int dnsproxy_intf_socket_open()
     address.nl_pid = static_cast<uint32_t>(getpid());
     address.nl_groups = RTMGRP_LINK;
     if (bind(dnsproxy_data.intfFd, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0) {
-        (void)close(dnsproxy_data.intfFd);
-        dnsproxy_data.intfFd = -1;
+        descriptor_close(&dnsproxy_data.intfFd);
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ERESOURCE, "Fail to bind dnsproxy intf socket.");
         DNSPROXY_RETURN(__func__, DNSPROXY_ERESOURCE);
     }

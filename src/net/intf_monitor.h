@@ -10,7 +10,8 @@
 // descriptor for a new list it is empty. Always 0.
 int dnsproxy_intf_socket_recv();
 
-// Rebuilds a list that is empty because the last rebuild failed, which no further message may come to mend.
+// Rebuilds a list that is empty because the last rebuild failed. Called in every pass of the loop: without
+// another link change, no message would have it rebuilt.
 void intf_list_retry();
 
 // Name of the device with that index into `name`, with its NUL. 0, or -1 for an index that is not in the list

@@ -4,11 +4,13 @@
 
 #include <string>
 
+#include "core/data_init.h"
 #include "core/dnsproxy_data.h"
+#include "iface/if_init.h"
 #include "iface/listen_if.h"
 #include "iface/server_if.h"
 #include "tests/fuzz/fuzz.h"
-#include "tests/support/fake_clock.h"
+#include "tests/model/fake_clock.h"
 
 class fuzz_tables {
 public:

@@ -22,6 +22,6 @@ def install_ubus() -> None:
     install(
         "/usr/bin/ubus",
         'while getopts St:s: o; do [ "$o" = s ] && path=$OPTARG; done\nshift $((OPTIND - 1))\n'
-        f'cd {daemon.TOP} || exit\nreply=$(/usr/bin/python3 -m lab.broker "$path" "$@") || exit\n'
+        f'[ -S "$path" ] || exit 255\ncd {daemon.TOP} || exit\nreply=$(/usr/bin/python3 -m lab.broker "$path" "$@") || exit\n'
         '[ "$reply" = "{}" ] || echo "$reply" | sed "s/    /\t/g"\n',
     )

@@ -7,6 +7,7 @@ from collections.abc import Iterator
 from pathlib import Path
 from signal import SIGINT, SIGKILL, SIGTERM
 
+import pipe_client as pipe
 import pytest
 
 from lab import files, plan, wait
@@ -44,6 +45,15 @@ def test_it_takes_over_what_a_killed_one_left(lab, upstreams, client, family):
         assert client("h2", family).ask() is not None
 
 
+def test_a_second_one_ends_and_the_first_notices_nothing(lab, upstreams, client, family):
+    with Daemon() as first:
+        with Daemon(serving=False) as second:
+            assert second.process.wait(wait.PATIENCE) == 0, second.output()
+        assert pipe.exchange(pipe.Message(pipe.GET, ifname=b"WAN1")).message.result == 0
+        assert client("h1", family).ask() is not None
+        assert first.stop() == -SIGTERM
+
+
 def test_a_file_in_place_of_its_pipe_is_left_alone(lab):
     REQUEST_PIPE.parent.mkdir(mode=0o700, exist_ok=True)
     REQUEST_PIPE.unlink(missing_ok=True)
@@ -75,12 +85,16 @@ def test_closed_standard_descriptors(lab, upstreams, client, family):
     script = Path("/tmp/without-descriptors")
     script.write_text(f"#!/bin/sh\nexec {binary()} <&- >&- 2>&-\n", encoding="utf-8")
     script.chmod(0o755)
+    zone = Path(files.ZONE_API)
+    look = "(readlink /proc/self/fd/0; readlink /proc/self/fd/2) >/tmp/standard\n"
+    zone.write_text(look + zone.read_text(encoding="utf-8"), encoding="utf-8")
     with Daemon(str(script)) as daemon:
         for _ in range(3):
             assert client("h1", family).ask() is not None
             assert client("g1", family).ask() is not None
         fds = daemon.fds()
         assert [fds[fd] for fd in (0, 1, 2)] == ["/dev/null"] * 3
+        assert Path("/tmp/standard").read_text(encoding="ascii").split() == ["/dev/null"] * 2, "in a command"
         assert daemon.stop() == -SIGTERM
 
 

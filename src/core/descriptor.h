@@ -1,0 +1,15 @@
+// The descriptors that the event loop waits for. Main thread only.
+#ifndef CORE_DESCRIPTOR_H
+#define CORE_DESCRIPTOR_H
+
+#include <cstdint>
+
+// socket(2), close-on-exec and fit for the loop's descriptor sets: one that is not below FD_SETSIZE is closed
+// at once and counts as not opened (-1, EMFILE).
+[[nodiscard]] int descriptor_socket(int family, int type, int protocol);
+
+// Closes the descriptor, if it is open (above 0), and sets it to -1. The wait forgets it first: another one
+// with its number would pass for watched and never be reported.
+void descriptor_close(int32_t *fd);
+
+#endif

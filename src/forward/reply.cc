@@ -1,0 +1,105 @@
+#include "forward/reply.h"
+
+#include <cstring>
+
+#include "cache/noreply.h"
+#include "core/dns_header.h"
+#include "forward/reply_families.h"
+#include "iface/ifname.h"
+#include "net/pending_id.h"
+
+namespace {
+
+constexpr char op[] = "dnsproxy_server_socket_read";
+
+// The outcome for one socket in the turn of its line.
+enum class turn {
+    not_ready,
+    relayed, // or a later reply to a query that was answered
+    dropped, // the reply, or the receive, was no good
+};
+
+// A reply counts for the server that sent it. One from another address counts for the server that the record
+// names, if that server is of this line.
+template <class Family, class Entry>
+void count_reply_of(dnsproxy_server_if *sif, const typename Family::sockaddr_type &sender, const Entry &entry)
+{
+    int slot = 0;
+    while (slot < DNSPROXY_SERVER_SLOTS && !Family::is_server(sif, slot, sender))
+        slot++;
+    if (slot == DNSPROXY_SERVER_SLOTS) {
+        if (!ifname_equal(sif->ifname, entry.ifname))
+            return;
+        slot = entry.dnsIndex;
+    }
+    count_reply(&Family::counters(sif).slots[slot],
+                ipcom_tmo2_now(dnsproxy_data.tmo2Head) - entry_sent_at(entry));
+}
+
+template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready, int *count)
+{
+    const int fd = Family::fd(sif);
+    if (fd <= 0 || *count <= 0 || !FD_ISSET(fd, ready))
+        return turn::not_ready;
+    --*count;
+    DNSPROXY_LOG(DEBUG, op, 0, reply_msg_reply<Family>, sif->ifname);
+    uint8_t message[DNSPROXY_MESSAGE_SIZE];
+    memset(message, 0, DNSPROXY_HEADER_SIZE); // a short reply has no flags
+    // A reply is matched by its identifier alone; its sender is only counted.
+    typename Family::sockaddr_type sender = {};
+    socklen_t sender_length = sizeof sender;
+    const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT,
+                                 reinterpret_cast<sockaddr *>(&sender), &sender_length);
+    if (got < 0) {
+        DNSPROXY_LOG(ERROR, op, static_cast<int>(got), reply_msg_recv<Family>, sif->ifname);
+        return turn::dropped;
+    }
+    const auto length = static_cast<size_t>(got);
+    if (length < DNSPROXY_ID_SIZE)
+        return turn::dropped;
+    const uint16_t new_id = dns_id(message);
+    auto *entry = Family::find_by_id(new_id);
+    if (entry == nullptr) {
+        DNSPROXY_LOG(DEBUG, op, 0, reply_msg_unknown<Family>, new_id);
+        return turn::dropped;
+    }
+    dns_set_id(message, entry->id);
+    if (dnsproxy_check_dnspacket(message) == 0) {
+        DNSPROXY_LOG(DEBUG, op, 0, "Recv a bad dns reply packet.");
+        return turn::dropped;
+    }
+    if (dnsproxy_data.specIface == 1 || dnsproxy_pending_id_test(new_id) != 0) {
+        if (!Family::relay(op, *entry, message, length)) {
+            DNSPROXY_LOG(ERROR, op, 0, "sendto data error.\n");
+            return turn::dropped;
+        }
+        dnsproxy_pending_id_clear(new_id);
+    }
+    dnsproxy_noreply_reset();
+    entry->flags |= DNSPROXY_ENTRY_ANSWERED;
+    count_reply_of<Family>(sif, sender, *entry);
+    return turn::relayed;
+}
+
+} // namespace
+
+int dnsproxy_server_socket_read(const fd_set *ready, int *count)
+{
+    for (auto *sif = ipcom_first<dnsproxy_server_if>(dnsproxy_data.serverIfList); sif != nullptr;
+         sif = ipcom_next(sif)) {
+        // A reply that is dropped ends the line's turn: its IPv6 socket is served in the next pass.
+        if (serve<reply_v4>(sif, ready, count) != turn::dropped)
+            serve<reply_v6>(sif, ready, count);
+    }
+    DNSPROXY_RETURN(op, 0);
+}
+
+int dnsproxy_check_dnspacket(const uint8_t *message)
+{
+    constexpr uint16_t qr_bit = 0x8000;
+    uint16_t native = 0;
+    memcpy(&native, message + 2, sizeof native);
+    const uint16_t flags = ntohs(native);
+    DNSPROXY_LOG(DEBUG, __func__, 0, "Dns response:%x.dns_response_flags:%x", native, flags);
+    return (flags & qr_bit) != 0 ? 1 : 0;
+}
