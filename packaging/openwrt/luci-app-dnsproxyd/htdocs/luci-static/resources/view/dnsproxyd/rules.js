@@ -156,6 +156,7 @@ return view.extend({
 		section.addremove = true;
 		section.anonymous = true;
 		section.sortable = true;
+		section.nodescriptions = true;
 		section.addbtntitle = _('Add a rule');
 		section.modaltitle = function() { return [ _('Rule') ]; };
 

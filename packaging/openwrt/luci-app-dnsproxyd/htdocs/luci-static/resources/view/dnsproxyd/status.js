@@ -189,9 +189,7 @@ return view.extend({
 				isWritable() ? E('th', { 'class': 'th cbi-section-actions' }) : ''
 			])
 		]);
-		this.placeholder = E('tr', { 'class': 'tr placeholder' },
-			[ E('td', { 'class': 'td' }, [ E('em', [ _('There are no lines.') ]) ]) ]);
-		this.table.appendChild(this.placeholder);
+		this.noLines = E('p', { 'class': 'hidden' }, [ E('em', {}, [ _('There are no lines.') ]) ]);
 
 		if (data != null)
 			this.update(data);
@@ -209,6 +207,7 @@ return view.extend({
 				this.numbers,
 				this.notCounted,
 				this.table,
+				this.noLines,
 				isWritable() ? this.renderAskAll() : '',
 				this.findings
 			])
@@ -241,7 +240,7 @@ return view.extend({
 		this.updateService(data);
 		this.updateNumbers(data);
 		setShown(this.notCounted, data.running && !data.hasStatistics);
-		setShown(this.placeholder, data.lines.length == 0);
+		setShown(this.noLines, data.lines.length == 0);
 
 		data.lines.forEach(L.bind(function(line) {
 			devices[line.device] = true;
@@ -262,7 +261,7 @@ return view.extend({
 
 	/* Moves rows only if a line has come that does not belong to the end. */
 	orderRows: function(lines) {
-		let previous = this.placeholder;
+		let previous = this.table.firstChild;
 
 		lines.forEach(L.bind(function(line) {
 			const node = this.rows[line.device].node;
@@ -279,7 +278,7 @@ return view.extend({
 		let texts;
 
 		if (isServing)
-			texts = [ data.uptime != null ? _('DNS is served, since %t.').format(data.uptime) : _('DNS is served.') ];
+			texts = [ data.uptime != null ? _('DNS is served, for %t now.').format(data.uptime) : _('DNS is served.') ];
 		else if (data.findings.length > 0)
 			texts = data.findings.map(function(f) { return '%s. → %s'.format(f.finding, f.remedy); });
 		else if (!data.running)
