@@ -196,7 +196,7 @@ update() {
     flock 9
     touch "$RUN/lines" "$RUN/devices"
     dump=$(ubus -t 10 call network.interface dump 2>/dev/null)
-    if [ -z "$(jsonfilter -s "$dump" -e '@.interface[0].interface' 2>/dev/null)" ]; then
+    if [ -z "$(jsonfilter -s "$dump" -e '@.interface[*].interface' 2>/dev/null)" ]; then
         [ -e "$RUN/missed" ] || logger -t dnsproxyd -p daemon.warn "netifd does not tell its networks: lines stay as they are"
         : >"$RUN/missed"
         return 0
