@@ -151,7 +151,6 @@ return view.extend({
 		const page = this;
 		const section = map.section(form.GridSection, 'rule', _('Rules'),
 			_('A network without a rule gets no answer. The order counts where two rules are for one device.'));
-		let option;
 
 		section.addremove = true;
 		section.anonymous = true;
@@ -160,9 +159,9 @@ return view.extend({
 		section.addbtntitle = _('Add a rule');
 		section.modaltitle = function() { return [ _('Rule') ]; };
 
-		option = section.option(form.Value, 'name', _('Name'));
-		option.placeholder = _('guest');
-		option.textvalue = function(section_id) { return textNode(ruleOf(section_id).name || '–'); };
+		const name = section.option(form.Value, 'name', _('Name'));
+		name.placeholder = _('guest');
+		name.textvalue = function(section_id) { return textNode(ruleOf(section_id).name || '–'); };
 
 		const network = section.option(form.Value, 'service_if', _('Network'),
 			_('The local network that is served; "loopback" is the router itself.'));
@@ -221,8 +220,8 @@ return view.extend({
 			changed.onchange = function(ev, section_id) {
 				const edited = this.section.children.filter(function(o) { return o.option == '_warnings'; })[0];
 				const frame = edited.map.findElement('data-field', edited.cbid(section_id));
-				const valueOf = L.bind(function(name) {
-					const found = this.section.children.filter(function(o) { return o.option == name; })[0];
+				const valueOf = L.bind(function(wanted) {
+					const found = this.section.children.filter(function(o) { return o.option == wanted; })[0];
 
 					return found.formvalue(section_id);
 				}, this);

@@ -176,7 +176,7 @@ return view.extend({
 		this.lost = E('div', { 'class': 'alert-message warning hidden' },
 			[ _('The router does not answer. What is shown is the last that it told.') ]);
 		this.notCounted = E('p', { 'class': 'hidden' },
-			[ _('This dnsproxyd has no numbers on the bus: rates, shares and times are not known (–).') ]);
+			[ _('This dnsproxyd has no numbers on the bus: rates, shares and times are not known.') ]);
 		this.numbers = E('p');
 		this.findings = E('div', { 'aria-live': 'polite' });
 		this.table = E('table', { 'class': 'table' }, [
