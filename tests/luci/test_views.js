@@ -21,7 +21,7 @@ test('status shows the lines as the router tells them', async () => {
 		['wan2|wan2', 'off|set by hand', '10.0.2.53: 100 %, 0.1 ms'],
 		['wan3|wan3', 'on', '10.0.3.53: 100 %, 0.2 ms|10.0.3.54: 100 %, 0.2 ms']
 	]);
-	assert.match(cells(luci)[0][3], /^\d+ answers, 95 % of them within 1 ms$/);
+	assert.match(cells(luci)[0][3], /95 % within 1 ms$/);
 });
 
 test('a line that is off says by whom', async () => {

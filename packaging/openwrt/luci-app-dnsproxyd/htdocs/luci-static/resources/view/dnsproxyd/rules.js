@@ -24,6 +24,10 @@ function textNode(text) {
 	return E('span', {}, [ text ]);
 }
 
+function isWritable() {
+	return L.hasViewPermission() === true;
+}
+
 function modeOf(section_id) {
 	if (uci.get('dns', section_id, 'force_if') == 'on')
 		return 'forced';
@@ -79,6 +83,10 @@ function isPort53Open(network) {
 }
 
 return view.extend({
+	addFooter: function() {
+		return isWritable() ? this.super('addFooter', []) : E([]);
+	},
+
 	load: function() {
 		return Promise.all([
 			getInterfaces(),
@@ -152,10 +160,13 @@ return view.extend({
 		const section = map.section(form.GridSection, 'rule', _('Rules'),
 			_('A network without a rule gets no answer. The order counts where two rules are for one device.'));
 
-		section.addremove = true;
+		section.addremove = isWritable();
 		section.anonymous = true;
-		section.sortable = true;
+		section.sortable = isWritable();
 		section.nodescriptions = true;
+		if (!isWritable())
+			section.renderRowActions = function() { return E([]); };
+
 		section.addbtntitle = _('Add a rule');
 		section.modaltitle = function() { return [ _('Rule') ]; };
 

@@ -118,16 +118,13 @@ function quantile(histogram, share) {
 	return Infinity;
 }
 
-function barsLabel(histogram) {
-	const total = histogram.reduce(function(sum, times) { return sum + times; }, 0);
-
-	if (total == 0)
-		return _('no answers yet');
+function formatQuantile(histogram) {
+	if (histogram == null || !histogram.some(function(times) { return times > 0; }))
+		return '–';
 
 	const end = quantile(histogram, 0.95);
 
-	return end == Infinity ? _('%d answers, 95 %% of them after more than 8 s at most').format(total)
-		: _('%d answers, 95 %% of them within %d ms').format(total, end);
+	return end == Infinity ? _('5 %% or more take over 8 s').format() : _('95 %% within %d ms').format(end);
 }
 
 /* Points without a rate are gaps. The newest is at the right. */
@@ -341,6 +338,7 @@ return view.extend({
 			rate: E('div'),
 			chart: createChart(),
 			bars: createBars(),
+			times: E('div'),
 			servers: E('div'),
 			button: null
 		};
@@ -358,7 +356,7 @@ return view.extend({
 			cell(_('Line'), [ row.name, E('br'), row.device ]),
 			cell(_('State'), [ row.state, row.by ]),
 			cell(_('Queries'), [ row.chart.svg, row.rate ]),
-			cell(_('Time to the answer'), [ row.bars.svg ]),
+			cell(_('Time to the answer'), [ row.bars.svg, row.times ]),
 			cell(_('Servers: answered, mean time'), [ row.servers ]),
 			row.button ? E('td', { 'class': 'td cbi-section-actions' }, [ E('div', {}, [ row.button ]) ]) : ''
 		]);
@@ -385,7 +383,8 @@ return view.extend({
 		setText(row.chart.label, _('Queries of the last five minutes, at last %s').format(rateText));
 
 		setAttribute(row.bars.shape, 'd', line.histogram ? barsPath(line.histogram) : '');
-		setText(row.bars.label, line.histogram ? barsLabel(line.histogram) : '–');
+		setText(row.bars.label, _('Times to the answer, from 1 ms at the left in steps that double'));
+		setText(row.times, formatQuantile(line.histogram));
 
 		this.updateServers(row.servers, line.servers);
 
