@@ -1,12 +1,9 @@
 /*
  * The least that a DNS proxy can do: no table, no timer, no rule. One device, one server, one family; the
- * form of the server's address is the family that is served.
+ * form of the server's address is the family that is served. Per query it waits, receives with the arrival
+ * device, sends, waits, receives the reply and sends that, as a proxy on select.
  *
- * relay SERVER DEVICE: one by one, as a proxy on select. Per query it waits, receives with the arrival
- * device, sends, waits, receives the reply and sends that.
- *
- * relay --batch SERVER DEVICE: after a wait all that is there, up to 32, is received and sent with one call
- * each.
+ * relay SERVER DEVICE
  */
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -17,7 +14,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
-enum { DNS_PORT = 53, MESSAGE_SIZE = 1600, CONTROL_SIZE = 256, ID_SIZE = 2, BATCH = 32 };
+enum { DNS_PORT = 53, MESSAGE_SIZE = 1600, CONTROL_SIZE = 256, ID_SIZE = 2 };
 
 union address {
     struct sockaddr any;
@@ -116,80 +113,13 @@ static void relay_reply(void)
     (void)sendto(listen_fd, message, (size_t)length, MSG_DONTWAIT, &hosts[id].address.any, hosts[id].length);
 }
 
-static uint8_t messages[BATCH][MESSAGE_SIZE];
-static union address peers[BATCH];
-static struct iovec data[BATCH];
-static struct mmsghdr headers[BATCH];
-
-static int receive_batch(int fd)
-{
-    static union {
-        size_t aligned;
-        char bytes[CONTROL_SIZE];
-    } controls[BATCH];
-    const int has_control = fd == listen_fd;
-    for (int i = 0; i < BATCH; i++) {
-        data[i] = (struct iovec){.iov_base = messages[i], .iov_len = MESSAGE_SIZE};
-        headers[i].msg_hdr = (struct msghdr){.msg_name = &peers[i],
-                                             .msg_namelen = sizeof peers[i],
-                                             .msg_iov = &data[i],
-                                             .msg_iovlen = 1,
-                                             .msg_control = has_control ? &controls[i] : NULL,
-                                             .msg_controllen = has_control ? CONTROL_SIZE : 0};
-    }
-    return recvmmsg(fd, headers, BATCH, MSG_DONTWAIT, NULL);
-}
-
-/* Puts `from` in the place of the identifier of a received datagram, and the old one in `to`. */
-static void swap_id(int i, void *to, const void *from)
-{
-    memcpy(to, messages[i], ID_SIZE);
-    memcpy(messages[i], from, ID_SIZE);
-    data[i].iov_len = headers[i].msg_len;
-    headers[i].msg_hdr.msg_control = NULL;
-    headers[i].msg_hdr.msg_controllen = 0;
-}
-
-static void forward_batch(void)
-{
-    const int received = receive_batch(listen_fd);
-    for (int i = 0; i < received; i++) {
-        const uint16_t id = next_id++;
-        hosts[id].address = peers[i];
-        hosts[id].length = headers[i].msg_hdr.msg_namelen;
-        swap_id(i, hosts[id].id, &id);
-        headers[i].msg_hdr.msg_name = &server;
-        headers[i].msg_hdr.msg_namelen = server_length;
-    }
-    if (received > 0)
-        (void)sendmmsg(server_fd, headers, (unsigned)received, MSG_DONTWAIT);
-}
-
-static void relay_batch(void)
-{
-    const int received = receive_batch(server_fd);
-    for (int i = 0; i < received; i++) {
-        uint16_t id;
-        memcpy(&id, messages[i], ID_SIZE);
-        uint8_t old_id[ID_SIZE];
-        swap_id(i, old_id, hosts[id].id);
-        headers[i].msg_hdr.msg_name = &hosts[id].address;
-        headers[i].msg_hdr.msg_namelen = hosts[id].length;
-    }
-    if (received > 0)
-        (void)sendmmsg(listen_fd, headers, (unsigned)received, MSG_DONTWAIT);
-}
-
 int main(int argc, char **argv)
 {
-    const int in_batches = argc > 1 && strcmp(argv[1], "--batch") == 0;
-    if (argc != 3 + in_batches) {
-        (void)fprintf(stderr, "usage: relay [--batch] SERVER DEVICE\n");
+    if (argc != 3) {
+        (void)fprintf(stderr, "usage: relay SERVER DEVICE\n");
         return 1;
     }
-    set_up(argv[1 + in_batches], argv[2 + in_batches]);
-    void (*const serve_hosts)(void) = in_batches ? forward_batch : forward_query;
-    void (*const serve_server)(void) = in_batches ? relay_batch : relay_reply;
+    set_up(argv[1], argv[2]);
     const int highest = listen_fd > server_fd ? listen_fd : server_fd;
     for (;;) {
         fd_set ready;
@@ -199,8 +129,8 @@ int main(int argc, char **argv)
         if (select(highest + 1, &ready, NULL, NULL, NULL) < 1)
             continue;
         if (FD_ISSET(listen_fd, &ready))
-            serve_hosts();
+            forward_query();
         if (FD_ISSET(server_fd, &ready))
-            serve_server();
+            relay_reply();
     }
 }

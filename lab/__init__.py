@@ -8,10 +8,9 @@ Everything here runs inside `lab/enter`; the sandbox's own network namespace is 
     files     the files that the daemon reads
     daemon    Daemon: the daemon's process, as shipped
     upstream  Upstream: scripted DNS servers behind a line
-    dnsmasq   Dnsmasq: a real DNS server behind a line
-    slowline  SlowLine: delays what a real server answers
     client    Client: a host that asks, one query or thousands
-    broker    Broker: the message bus; Caller: a client of it
+    broker    Broker: the message bus; Caller: a client of it; messages in bus, attacks in hostile_bus
+    chart     pictures of figures
     sniffer   Sniffer: which device a query left by
     dns       DNS messages, as much as the above need
     wait      wait for a condition, never for a time

@@ -1,80 +1,108 @@
-"""Charts over time as SVG: panels below each other with one time axis. Needs nothing but a browser to look at."""
+"""Pictures as SVG: rows of bars, and lines through points, in panels one below the other."""
 
 import math
-from dataclasses import dataclass
-from xml.sax.saxutils import escape
+from collections.abc import Sequence
+from html import escape
 
-_WIDTH, _LEFT, _RIGHT, _TOP = 960, 74, 150, 44
-_HEIGHT, _GAP = 120, 44  # of a panel, and between two
-_COLOURS = ("#1f5fa8", "#d9822b", "#b3261e")
-_STYLE = (
-    "text{font:12px sans-serif;fill:#333}.title{font-size:16px;font-weight:bold}.name{font-weight:bold}"
-    ".grid{stroke:#e4e4e4}.axis{stroke:#888}.mark{stroke:#888;stroke-dasharray:4 3}"
-)
+WIDTH = 760
+LEFT = 190  # of the bars: the names stand before it
+COLOURS = ("#1f77b4", "#ff7f0e", "#2ca02c", "#9467bd", "#d62728", "#8c564b")
+GREY = "#bbbbbb"
 
-
-@dataclass
-class Series:
-    label: str  # empty for the only one
-    points: list[tuple[float, float]]
+Panel = tuple[int, list[str]]  # height, elements that begin at height 0
 
 
-@dataclass
-class Panel:
-    name: str
-    series: list[Series]
+def _text(x: float, y: float, text: str, anchor: str = "start", weight: str = "normal") -> str:
+    return (
+        f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" font-weight="{weight}">{escape(text)}</text>'
+    )
 
 
-def _ticks(highest: float, count: int) -> list[float]:
-    """Round numbers from 0 to `highest` or a little above, about `count` of them."""
-    raw = max(highest, 1e-9) / count
-    power = 10 ** math.floor(math.log10(raw))
-    step = next(factor * power for factor in (1, 2, 2.5, 5, 10) if factor * power >= raw * 0.999)
-    return [step * i for i in range(math.ceil(highest / step * 0.999) + 1)]
+def number(value: float) -> str:
+    """A figure with three digits, or all that stand before the point."""
+    digits = 0 if value >= 100 else 1 if value >= 10 else 2
+    return f"{value:,.{digits}f}"
 
 
-def _panel(panel: Panel, top: float, last: float, mark: float) -> list[str]:
-    highest = max((y for series in panel.series for _, y in series.points), default=1.0)
-    ticks = _ticks(highest, 3)
-    width = _WIDTH - _LEFT - _RIGHT
+def _legend(parts: Sequence[str], y: float) -> list[str]:
+    drawn, x = [], WIDTH - 10.0
+    for colour, part in reversed(list(zip(COLOURS, parts))):
+        x -= 7.0 * len(part)
+        drawn.append(_text(x, y, part))
+        drawn.append(f'<rect x="{x - 15:.1f}" y="{y - 9}" width="10" height="10" fill="{colour}"/>')
+        x -= 30
+    return drawn
+
+
+def bars(
+    title: str, parts: Sequence[str], rows: Sequence[tuple[str, Sequence[float]]], stacked: bool
+) -> Panel:
+    """A bar per row from the values of its parts, end to end when stacked or else over each other."""
+    totals = [sum(values) if stacked else max(values) for _, values in rows]
+    scale = (WIDTH - LEFT - 100) / max(max(totals), 1e-9)
+    drawn = [_text(10, 18, title, weight="bold"), *(_legend(parts, 18) if len(parts) > 1 else [])]
+    y = 30
+    for (name, values), total in zip(rows, totals):
+        drawn.append(_text(LEFT - 8, y + 12, name, "end"))
+        x, height = float(LEFT), 16 if stacked else 16 // len(parts)
+        for i, value in enumerate(values):
+            top = y if stacked else y + i * height
+            drawn.append(
+                f'<rect x="{x:.1f}" y="{top}" width="{value * scale:.1f}" height="{height}" fill="{COLOURS[i]}"/>'
+            )
+            x += value * scale if stacked else 0
+        figures = [number(total)] if stacked else [number(value) for value in values]
+        drawn.append(_text(LEFT + total * scale + 6, y + 12, " / ".join(figures)))
+        y += 22
+    return y + 12, drawn
+
+
+def _round_above(value: float) -> float:
+    """The least of 1, 2, 4 or 8 times a power of ten that the value does not exceed; 1 for nothing."""
+    power = 10.0 ** math.floor(math.log10(value)) if value > 0 else 1
+    return next(power * step for step in (1, 2, 4, 8, 10) if value <= power * step)
+
+
+def lines(title: str, x_name: str, y_name: str, series: dict[str, Sequence[tuple[float, float]]]) -> Panel:
+    """Lines through points; the axis below has the points' places, at even distances."""
+    places = sorted({x for points in series.values() for x, _ in points})
+    top = _round_above(max(y for points in series.values() for _, y in points))
+    left, right, up, down = 70, WIDTH - 40, 34, 214
 
     def at(x: float, y: float) -> tuple[float, float]:
-        return _LEFT + x / last * width, top + _HEIGHT * (1 - y / ticks[-1])
+        across = places.index(x) / max(1, len(places) - 1)
+        return left + across * (right - left), down - y / top * (down - up)
 
-    parts = [f'<text class="name" x="{_LEFT}" y="{top - 8}">{escape(panel.name)}</text>']
-    for tick in ticks:
-        y = at(0, tick)[1]
-        kind = "grid" if tick else "axis"
-        parts.append(f'<line class="{kind}" x1="{_LEFT}" y1="{y:.1f}" x2="{_WIDTH - _RIGHT}" y2="{y:.1f}"/>')
-        parts.append(f'<text x="{_LEFT - 8}" y="{y + 4:.1f}" text-anchor="end">{tick:,g}</text>')
-    x = at(mark, 0)[0]
-    parts.append(f'<line class="mark" x1="{x:.1f}" y1="{top}" x2="{x:.1f}" y2="{top + _HEIGHT}"/>')
-    for number, (series, colour) in enumerate(zip(panel.series, _COLOURS)):
-        points = " ".join("{:.1f},{:.1f}".format(*at(*point)) for point in series.points)
-        parts.append(f'<polyline fill="none" stroke="{colour}" stroke-width="1.5" points="{points}"/>')
-        parts.append(
-            f'<text x="{_WIDTH - _RIGHT + 10}" y="{top + 12 + 16 * number}" style="fill:{colour}">'
-            f"{escape(series.label)}</text>"
-        )
-    return parts
+    drawn = [_text(10, 18, title, weight="bold"), *(_legend(list(series), 18) if len(series) > 1 else [])]
+    for i in range(5):
+        x, y = at(places[0], top * i / 4)
+        drawn.append(f'<line x1="{left}" y1="{y:.1f}" x2="{right}" y2="{y:.1f}" stroke="{GREY}"/>')
+        drawn.append(_text(x - 6, y + 4, number(top * i / 4), "end"))
+    for place in places:
+        drawn.append(_text(at(place, 0)[0], down + 16, f"{place:,g}", "middle"))
+    drawn.append(_text((left + right) / 2, down + 34, x_name, "middle"))
+    drawn.append(_text(left + 4, up - 2, y_name))
+    for colour, points in zip(COLOURS, series.values()):
+        path = " ".join(f"{x:.1f},{y:.1f}" for x, y in (at(*point) for point in points))
+        drawn.append(f'<polyline points="{path}" fill="none" stroke="{colour}" stroke-width="2"/>')
+        for point in points:
+            x, y = at(*point)
+            drawn.append(f'<circle cx="{x:.1f}" cy="{y:.1f}" r="3" fill="{colour}"/>')
+    return down + 48, drawn
 
 
-def svg(panels: list[Panel], title: str, unit: str, mark: float) -> str:
-    """The picture, with a dashed line at `mark` of the time axis in every panel."""
-    last = max(x for panel in panels for series in panel.series for x, _ in series.points)
-    height = _TOP + len(panels) * (_HEIGHT + _GAP) + 24
-    parts = [
-        f'<svg xmlns="http://www.w3.org/2000/svg" width="{_WIDTH}" height="{height}" viewBox="0 0 {_WIDTH} {height}">',
-        f"<style>{_STYLE}</style>",
-        f'<rect width="{_WIDTH}" height="{height}" fill="#fff"/>',
-        f'<text class="title" x="{_LEFT}" y="24">{escape(title)}</text>',
-    ]
-    for number, panel in enumerate(panels):
-        parts += _panel(panel, _TOP + 20 + number * (_HEIGHT + _GAP), last, mark)
-    bottom = _TOP + 20 + len(panels) * (_HEIGHT + _GAP) - _GAP + 18
-    for tick in _ticks(last, 8):
-        if tick <= last * 1.001:
-            x = _LEFT + tick / last * (_WIDTH - _LEFT - _RIGHT)
-            parts.append(f'<text x="{x:.1f}" y="{bottom}" text-anchor="middle">{tick:g}</text>')
-    parts.append(f'<text x="{_WIDTH - _RIGHT + 10}" y="{bottom}">{escape(unit)}</text></svg>')
-    return "\n".join(parts) + "\n"
+def picture(panels: Sequence[Panel]) -> str:
+    """The panels as one SVG file."""
+    drawn, y = [], 0
+    for height, elements in panels:
+        drawn += [f'<g transform="translate(0 {y})">', *elements, "</g>"]
+        y += height
+    return "\n".join(
+        [
+            f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{y}" viewBox="0 0 {WIDTH} {y}"'
+            ' font-family="sans-serif" font-size="12">',
+            f'<rect width="{WIDTH}" height="{y}" fill="white"/>',
+            *drawn,
+            "</svg>\n",
+        ]
+    )

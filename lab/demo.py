@@ -1,7 +1,7 @@
 """The demo: the daemon at work in the lab, told step by step and checked step by step.
 
-`scripts/demo` runs it inside the sandbox. Real servers (dnsmasq) answer behind every line and say
-which server they are; real hosts ask with dig. wan3 is slow: its answers take 0.3 s. A forced query
+`scripts/demo` runs it inside the sandbox. Servers answer behind every line and say which server they
+are; real hosts ask with dig. wan3 is slow: its answers take 0.3 s. A forced query
 is answered only while the latest query was a forced one, so no step has queries of both kinds in
 flight.
 """
@@ -24,16 +24,17 @@ from typing import NamedTuple
 
 from lab import files, netns, plan, wait
 from lab.daemon import Daemon
-from lab.dnsmasq import NAME, Dnsmasq
 from lab.plan import HOSTS, LINES
 from lab.router import Lab
-from lab.slowline import SlowLine
 from lab.sniffer import Sniffer
+from lab.upstream import Upstream, answer, delayed, silent
 
+NAME = "where.test"
 SLOW_LINE = 3
 SLOW_SECONDS = 0.3
 QUERY_LIFE = 10.0  # seconds that the daemon keeps a query
 
+SERVERS = {server.address: server for line in LINES.values() for server in line.servers}
 RULES = [
     {"name": "lan", "service_if": "LAN"},
     {"name": "guest", "service_if": "GUEST", "force_if": "on", "out_if": "WAN2"},
@@ -111,9 +112,10 @@ class Asker(NamedTuple):
         started = time.monotonic()
         output = netns.run(self.host, self.command.split()).stdout
         seconds = time.monotonic() - started
-        text = re.search(r'"(answered by .*)"$', output, re.MULTILINE)
+        served_by = re.search(r'\sTXT\s+"(.*)"$', output, re.MULTILINE)
+        text = f"answered by {SERVERS[served_by[1]].label}" if served_by else ""
         took = re.search(r"^;; Query time: (\d+) usec$", output, re.MULTILINE)
-        return Answer(text[1] if text else "", int(took[1]) / 1000 if took else 0.0, seconds)
+        return Answer(text, int(took[1]) / 1000 if took else 0.0, seconds)
 
     def ask_times(self, count: int) -> list[Answer]:
         """Asks again and again and shows what comes."""
@@ -142,13 +144,8 @@ class Stage:
         files.write_rules(RULES)
         files.write_resolv(files.resolv_of_lines(1, 2, 3))
         files.write_online_state({LINES[n].device: "on" for n in (1, 2, 3)})
-        self.servers = {}
-        for number in (1, 2, 3):
-            port = 5353 if number == SLOW_LINE else 53
-            for slot in (0, 1):
-                server = Dnsmasq(number, slot, port=port)
-                self.servers[number, slot] = stack.enter_context(server)
-        stack.enter_context(SlowLine(SLOW_LINE, SLOW_SECONDS, behind=5353))
+        self.upstreams = {number: stack.enter_context(Upstream(number)) for number in (1, 2, 3)}
+        self.upstreams[SLOW_LINE].answer_with(delayed(SLOW_SECONDS))
         self.daemon = stack.enter_context(Daemon())
 
 
@@ -275,24 +272,23 @@ def silence(stage: Stage, family: int) -> None:
     (now,) = guest.ask_times(1)
     expect(now.line == "wan2", f"before: {now.text or 'no answer'}")
     slot = int(now.text[-1]) - 1
-    server = stage.servers[2, slot]
-    silent = LINES[2].servers_of(family)[slot]
-    say(f"{silent.label} ({silent.address}) falls silent; the guest asks until it is served.")
-    server.freeze()
+    server = LINES[2].servers_of(family)[slot]
+    say(f"{server.label} ({server.address}) falls silent; the guest asks until it is served.")
+    stage.upstreams[2].answer_with(silent, server)
     try:
         started = time.monotonic()
         asked = 0.0
-        answer = Answer("", 0.0, 0.0)
-        while not answer.text and asked < 2 * QUERY_LIFE:
+        got = Answer("", 0.0, 0.0)
+        while not got.text and asked < 2 * QUERY_LIFE:
             asked = time.monotonic() - started
-            answer = guest.ask()
-            say(f"  after {asked:4.1f} s  {answer}")
+            got = guest.ask()
+            say(f"  after {asked:4.1f} s  {got}")
     finally:
-        server.thaw()
+        stage.upstreams[2].answer_with(answer)
     other = f"answered by wan2, server {2 - slot}"
-    expect(answer.text == other, f"in the end: {answer.text or 'no answer'}")
+    expect(got.text == other, f"in the end: {got.text or 'no answer'}")
     expect(
-        asked + answer.seconds >= QUERY_LIFE,
+        asked + got.seconds >= QUERY_LIFE,
         "the line moved before the first query's life was over",
     )
     say(f"The first query stayed unanswered. When its 10 s were over, server {2 - slot} got its turn:")

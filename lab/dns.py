@@ -67,7 +67,7 @@ def parse(message: bytes) -> Message:
     end = question_end(message) if questions else HEADER.size
     answer = ""
     if answers:
-        # The lab's own servers and dnsmasq name the question in their first answer, by a pointer.
+        # The lab's servers name the question in their first answer, by a pointer.
         pointer, qtype, _, _, size = struct.unpack_from("!HHHIH", message, end)
         if pointer != 0xC00C:
             raise ValueError("the first answer is not for the question's name")

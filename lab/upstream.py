@@ -17,7 +17,6 @@ import functools
 import heapq
 import ipaddress
 import itertools
-import os
 import queue
 import selectors
 import socket
@@ -98,42 +97,6 @@ def silent(_query: Query) -> Iterable[Reply]:
 def delayed(seconds: float, policy: Policy = answer) -> Policy:
     """What another policy gives, later."""
     return lambda query: [r._replace(after=r.after + seconds) for r in policy(query)]
-
-
-def garbage(size: int = 64) -> Policy:
-    """Random bytes after the right identifier and a set response bit."""
-    return lambda query: (Reply(query.data[:2] + b"\x80" + os.urandom(size - 3)),)
-
-
-def wrong_ident(query: Query) -> Iterable[Reply]:
-    """The usual answer under an identifier that is half the range away."""
-    return (Reply(dns.with_ident(reply_to(query), query.ident ^ 0x8000)),)
-
-
-def not_a_response(query: Query) -> Iterable[Reply]:
-    """The usual answer with the response bit clear."""
-    data = reply_to(query)
-    return (Reply(data[:2] + bytes([data[2] & 0x7F]) + data[3:]),)
-
-
-def repeated(times: int, policy: Policy = answer) -> Policy:
-    """What another policy gives, several times over."""
-    return lambda query: list(policy(query)) * times
-
-
-def big(size: int) -> Policy:
-    """The usual answer followed by bytes of a known pattern, `size` bytes in all."""
-
-    def policy(query: Query) -> Iterable[Reply]:
-        data = reply_to(query)
-        return (Reply(data + bytes(i & 0xFF for i in range(len(data), size))),)
-
-    return policy
-
-
-def sent_from(address: str, policy: Policy = answer) -> Policy:
-    """What another policy gives, from another address of the same Upstream."""
-    return lambda query: [r._replace(sender=address) for r in policy(query)]
 
 
 def _socket_at(server: Server, port: int) -> socket.socket:

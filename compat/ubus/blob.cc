@@ -1,28 +1,93 @@
-// Attributes: what is read from one, and the buffer that they are built in. While a nested attribute is being
-// built, those around it do not count it yet: blob_nest_end adds its length to the one next outside.
+// Reading attributes, and building them in a buffer. The length of an open nested attribute is not part of
+// the attributes around it: blob_nest_end adds it to the next outer one.
 #include "blob_buf.h"
 
+#include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
-#include <arpa/inet.h>
+namespace {
 
-static constexpr size_t header_size = sizeof(blob_attr);
-static constexpr size_t first_size = 256;
+constexpr size_t header_size = sizeof(blob_attr);
+constexpr size_t first_size = 256;
 
-// Attributes of foreign bytes may stand at any address.
-static uint32_t id_len(const blob_attr *attr)
+// An attribute in received bytes may be unaligned.
+uint32_t id_len(const blob_attr *attr)
 {
     uint32_t word;
-    memcpy(&word, attr, sizeof(word));
+    memcpy(&word, attr, sizeof word);
     return ntohl(word);
 }
 
-static void set_raw_len(blob_attr *attr, size_t length)
+void set_raw_len(blob_attr *attr, size_t length)
 {
     attr->id_len = htonl((id_len(attr) & ~blob_longest) | static_cast<uint32_t>(length));
 }
+
+// After a failed call the real library would use an invalid pointer, mostly null. The stand-in aborts, so
+// that a missing check of a result shows on every machine.
+void require_result(const void *result)
+{
+    if (result == nullptr)
+        abort();
+}
+
+bool grow(blob_buf *buf, int minlen)
+{
+    const size_t old = static_cast<size_t>(buf->buflen);
+    const size_t needed = old + static_cast<size_t>(minlen);
+    size_t size = old != 0 ? old : first_size;
+    while (size < needed)
+        size *= 2;
+    void *grown = realloc(buf->buf, size);
+    if (grown == nullptr)
+        return false;
+    buf->buf = grown;
+    buf->buflen = static_cast<int>(size);
+    return true;
+}
+
+blob_attr *at(const blob_buf *buf, size_t offset)
+{
+    return reinterpret_cast<blob_attr *>(static_cast<char *>(buf->buf) + offset);
+}
+
+size_t offset_of(const blob_buf *buf, const blob_attr *attr)
+{
+    return static_cast<size_t>(reinterpret_cast<const char *>(attr) - static_cast<const char *>(buf->buf));
+}
+
+// Makes room for `size` bytes at the offset. The memory may move; head follows it.
+[[nodiscard]] bool reserve(blob_buf *buf, size_t offset, size_t size)
+{
+    if (size > blob_longest || offset + size > blob_longest)
+        return false;
+    const size_t available = static_cast<size_t>(buf->buflen);
+    if (offset + size <= available)
+        return true;
+    const size_t head = buf->head != nullptr ? offset_of(buf, buf->head) : 0;
+    if (!buf->grow(buf, static_cast<int>(offset + size - available)))
+        return false;
+    if (buf->head != nullptr)
+        buf->head = at(buf, head);
+    return true;
+}
+
+// Appends an attribute behind all others. It is not part of any other's length yet.
+blob_attr *place(blob_buf *buf, uint32_t kind, size_t size)
+{
+    const size_t offset = buf->head != nullptr ? offset_of(buf, buf->head) + blob_pad_len(buf->head) : 0;
+    const size_t padded = blob_padded(header_size + size);
+    if (!reserve(buf, offset, padded))
+        return nullptr;
+    blob_attr *attr = at(buf, offset);
+    memset(attr, 0, padded);
+    attr->id_len = htonl(kind | static_cast<uint32_t>(header_size + size));
+    return attr;
+}
+
+} // namespace
 
 unsigned int blob_id(const blob_attr *attr)
 {
@@ -50,68 +115,6 @@ size_t blob_pad_len(const blob_attr *attr)
     return blob_padded(blob_raw_len(attr));
 }
 
-// A caller that goes on after a failed call makes the real library use a stray address, mostly null. This one
-// ends the process too, so that a missing test of a result is seen on every machine.
-static void require_result(const void *result)
-{
-    if (result == nullptr)
-        abort();
-}
-
-static bool grow(blob_buf *buf, int minlen)
-{
-    const size_t old = static_cast<size_t>(buf->buflen);
-    const size_t needed = old + static_cast<size_t>(minlen);
-    size_t size = old != 0 ? old : first_size;
-    while (size < needed)
-        size *= 2;
-    void *const grown = realloc(buf->buf, size);
-    if (grown == nullptr)
-        return false;
-    buf->buf = grown;
-    buf->buflen = static_cast<int>(size);
-    return true;
-}
-
-static blob_attr *at(const blob_buf *buf, size_t offset)
-{
-    return reinterpret_cast<blob_attr *>(static_cast<char *>(buf->buf) + offset);
-}
-
-static size_t offset_of(const blob_buf *buf, const blob_attr *attr)
-{
-    return static_cast<size_t>(reinterpret_cast<const char *>(attr) - static_cast<const char *>(buf->buf));
-}
-
-// Makes room at the offset; head moves with the memory.
-[[nodiscard]] static bool reserve(blob_buf *buf, size_t offset, size_t size)
-{
-    if (size > blob_longest || offset + size > blob_longest)
-        return false;
-    const size_t available = static_cast<size_t>(buf->buflen);
-    if (offset + size <= available)
-        return true;
-    const size_t head = buf->head != nullptr ? offset_of(buf, buf->head) : 0;
-    if (!buf->grow(buf, static_cast<int>(offset + size - available)))
-        return false;
-    if (buf->head != nullptr)
-        buf->head = at(buf, head);
-    return true;
-}
-
-// Puts a new attribute behind all others, counted by none of them.
-static blob_attr *place(blob_buf *buf, uint32_t kind, size_t size)
-{
-    const size_t offset = buf->head != nullptr ? offset_of(buf, buf->head) + blob_pad_len(buf->head) : 0;
-    const size_t padded = blob_padded(header_size + size);
-    if (!reserve(buf, offset, padded))
-        return nullptr;
-    blob_attr *const attr = at(buf, offset);
-    memset(attr, 0, padded);
-    attr->id_len = htonl(kind | static_cast<uint32_t>(header_size + size));
-    return attr;
-}
-
 int blob_buf_init(blob_buf *buf, int id)
 {
     if (buf->grow == nullptr)
@@ -132,22 +135,23 @@ void blob_buf_free(blob_buf *buf)
 blob_attr *blob_append(blob_buf *buf, uint32_t kind, size_t size)
 {
     require_result(buf->head);
-    blob_attr *const attr = place(buf, kind, size);
+    blob_attr *attr = place(buf, kind, size);
     if (attr != nullptr)
         set_raw_len(buf->head, blob_pad_len(buf->head) + blob_pad_len(attr));
     return attr;
 }
 
-// The cookie is the outer attribute's offset plus 1: offsets survive a move of the memory, and none is null.
+// The cookie is the outer attribute's offset plus 1: an offset stays valid when the memory moves, and null
+// means failure.
 void *blob_nest(blob_buf *buf, uint32_t kind, size_t size)
 {
     require_result(buf->head);
-    blob_attr *const attr = place(buf, kind, size);
+    blob_attr *attr = place(buf, kind, size);
     if (attr == nullptr)
         return nullptr;
     const size_t outer = offset_of(buf, buf->head);
     buf->head = attr;
-    // An offset, never followed.
+    // An offset, never dereferenced.
     return reinterpret_cast<void *>(outer + 1); // NOLINT(performance-no-int-to-ptr)
 }
 
@@ -155,14 +159,14 @@ void blob_nest_end(blob_buf *buf, void *cookie)
 {
     require_result(buf->head);
     require_result(cookie);
-    blob_attr *const outer = at(buf, reinterpret_cast<size_t>(cookie) - 1);
+    blob_attr *outer = at(buf, reinterpret_cast<size_t>(cookie) - 1);
     set_raw_len(outer, blob_pad_len(outer) + blob_pad_len(buf->head));
     buf->head = outer;
 }
 
 int blob_put(blob_buf *buf, int id, const void *data, size_t size)
 {
-    blob_attr *const attr = blob_append(buf, blob_kind(id), size);
+    blob_attr *attr = blob_append(buf, blob_kind(id), size);
     if (attr == nullptr)
         return -1;
     if (size != 0)
@@ -173,5 +177,5 @@ int blob_put(blob_buf *buf, int id, const void *data, size_t size)
 int blob_put_u32(blob_buf *buf, int id, uint32_t value)
 {
     const uint32_t word = htonl(value);
-    return blob_put(buf, id, &word, sizeof(word));
+    return blob_put(buf, id, &word, sizeof word);
 }

@@ -1,4 +1,4 @@
-// Building of attributes of any kind, for the formats on top of them.
+// Building attributes of any kind, for the formats on top of them.
 #ifndef BLOB_BUF_H
 #define BLOB_BUF_H
 
@@ -22,7 +22,7 @@ constexpr size_t blob_padded(size_t length)
 // Appends an attribute with so many zero bytes of content. Null without memory or room.
 [[nodiscard]] blob_attr *blob_append(blob_buf *buf, uint32_t kind, size_t size);
 
-// The same, and what is appended from then on goes behind its content, into the attribute: head. Returns the
+// The same, and makes the new attribute the head: what is appended next becomes part of it. Returns the
 // cookie for blob_nest_end.
 [[nodiscard]] void *blob_nest(blob_buf *buf, uint32_t kind, size_t size);
 

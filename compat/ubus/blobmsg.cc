@@ -4,146 +4,55 @@ extern "C" {
 
 #include <cerrno>
 #include <cstring>
-
 #include <endian.h>
 
 #include "blob_buf.h"
 
-static constexpr size_t name_len_size = sizeof(uint16_t);
-static constexpr size_t longest_policy_name = 255;
+namespace {
 
-static bool is_extended(const blob_attr *attr)
+constexpr size_t name_len_size = sizeof(uint16_t);
+constexpr size_t longest_policy_name = 255;
+
+bool is_extended(const blob_attr *attr)
 {
     return (*reinterpret_cast<const uint8_t *>(attr) & 0x80) != 0;
 }
 
-static size_t name_len(const blob_attr *attr)
+size_t name_len(const blob_attr *attr)
 {
     uint16_t length;
-    memcpy(&length, blob_data(attr), sizeof(length));
+    memcpy(&length, blob_data(attr), sizeof length);
     return be16toh(length);
 }
 
 // Bytes before the value: the length, the name, its NUL and padding.
-static size_t name_header_size(size_t nameLength)
+size_t name_header_size(size_t name_length)
 {
-    return blob_padded(name_len_size + nameLength + 1);
+    return blob_padded(name_len_size + name_length + 1);
 }
 
-static char *name_of(const blob_attr *attr)
+char *name_of(const blob_attr *attr)
 {
     return static_cast<char *>(blob_data(attr)) + name_len_size;
 }
 
-static void set_name(blob_attr *attr, const char *name, size_t length)
+void set_name(blob_attr *attr, const char *name, size_t length)
 {
     const uint16_t word = htobe16(static_cast<uint16_t>(length));
-    memcpy(blob_data(attr), &word, sizeof(word));
+    memcpy(blob_data(attr), &word, sizeof word);
     memcpy(name_of(attr), name, length);
 }
 
-int blobmsg_add_field(blob_buf *buf, int type, const char *name, const void *data, unsigned int len)
-{
-    const char *const shown = name != nullptr ? name : "";
-    const size_t length = strlen(shown);
-    if (length > UINT16_MAX)
-        return -1;
-    blob_attr *const attr = blob_append(buf, blob_extended | blob_kind(type), name_header_size(length) + len);
-    if (attr == nullptr)
-        return -1;
-    set_name(attr, shown, length);
-    if (len != 0)
-        memcpy(blobmsg_data(attr), data, len);
-    return 0;
-}
-
-int blobmsg_add_string(blob_buf *buf, const char *name, const char *string)
-{
-    const size_t size = strlen(string) + 1;
-    if (size > blob_longest)
-        return -1;
-    return blobmsg_add_field(buf, BLOBMSG_TYPE_STRING, name, string, static_cast<unsigned int>(size));
-}
-
-int blobmsg_add_u8(blob_buf *buf, const char *name, uint8_t value)
-{
-    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT8, name, &value, sizeof(value));
-}
-
-int blobmsg_add_u16(blob_buf *buf, const char *name, uint16_t value)
-{
-    const uint16_t word = htobe16(value);
-    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT16, name, &word, sizeof(word));
-}
-
-int blobmsg_add_u32(blob_buf *buf, const char *name, uint32_t value)
-{
-    const uint32_t word = htobe32(value);
-    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT32, name, &word, sizeof(word));
-}
-
-int blobmsg_add_u64(blob_buf *buf, const char *name, uint64_t value)
-{
-    const uint64_t word = htobe64(value);
-    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT64, name, &word, sizeof(word));
-}
-
-void *blobmsg_open_nested(blob_buf *buf, const char *name, bool array)
-{
-    const char *const shown = name != nullptr ? name : "";
-    const size_t length = strlen(shown);
-    if (length > UINT16_MAX)
-        return nullptr;
-    const int type = array ? BLOBMSG_TYPE_ARRAY : BLOBMSG_TYPE_TABLE;
-    void *const cookie = blob_nest(buf, blob_extended | blob_kind(type), name_header_size(length));
-    if (cookie != nullptr)
-        set_name(buf->head, shown, length);
-    return cookie;
-}
-
-int blobmsg_type(const blob_attr *attr)
-{
-    return static_cast<int>(blob_id(attr));
-}
-
-const char *blobmsg_name(const blob_attr *attr)
-{
-    return is_extended(attr) ? name_of(attr) : "";
-}
-
-void *blobmsg_data(const blob_attr *attr)
-{
-    char *const content = static_cast<char *>(blob_data(attr));
-    return is_extended(attr) ? content + name_header_size(name_len(attr)) : content;
-}
-
-size_t blobmsg_len(const blob_attr *attr)
-{
-    const size_t before = is_extended(attr) ? name_header_size(name_len(attr)) : 0;
-    const size_t length = blob_len(attr);
-    return length > before ? length - before : 0;
-}
-
-size_t blobmsg_data_len(const blob_attr *attr)
-{
-    return blobmsg_len(attr);
-}
-
-char *blobmsg_get_string(blob_attr *attr)
-{
-    return attr != nullptr ? static_cast<char *>(blobmsg_data(attr)) : nullptr;
-}
-
-static bool has_valid_name(const blob_attr *attr)
+bool has_valid_name(const blob_attr *attr)
 {
     const size_t length = blob_len(attr);
     if (length < name_len_size)
         return false;
-    const size_t nameLength = name_len(attr);
-    return name_header_size(nameLength) <= length && name_of(attr)[nameLength] == '\0';
+    const size_t name_length = name_len(attr);
+    return name_header_size(name_length) <= length && name_of(attr)[name_length] == '\0';
 }
 
-static bool has_valid_value(const blob_attr *attr)
+bool has_valid_value(const blob_attr *attr)
 {
     const size_t length = blobmsg_len(attr);
     switch (blobmsg_type(attr)) {
@@ -168,13 +77,13 @@ static bool has_valid_value(const blob_attr *attr)
     }
 }
 
-static bool is_valid(const blob_attr *attr)
+bool is_valid(const blob_attr *attr)
 {
     return blob_raw_len(attr) >= sizeof(blob_attr) && (!is_extended(attr) || has_valid_name(attr)) &&
            has_valid_value(attr);
 }
 
-static bool matches(const blobmsg_policy &policy, const blob_attr *attr)
+bool matches(const blobmsg_policy &policy, const blob_attr *attr)
 {
     if (policy.name == nullptr ||
         (policy.type != BLOBMSG_TYPE_UNSPEC && static_cast<int>(policy.type) != blobmsg_type(attr)))
@@ -184,9 +93,103 @@ static bool matches(const blobmsg_policy &policy, const blob_attr *attr)
            memcmp(policy.name, name_of(attr), length) == 0;
 }
 
+} // namespace
+
+int blobmsg_add_field(blob_buf *buf, int type, const char *name, const void *data, unsigned int len)
+{
+    const char *shown = name != nullptr ? name : "";
+    const size_t length = strlen(shown);
+    if (length > UINT16_MAX)
+        return -1;
+    blob_attr *attr = blob_append(buf, blob_extended | blob_kind(type), name_header_size(length) + len);
+    if (attr == nullptr)
+        return -1;
+    set_name(attr, shown, length);
+    if (len != 0)
+        memcpy(blobmsg_data(attr), data, len);
+    return 0;
+}
+
+int blobmsg_add_string(blob_buf *buf, const char *name, const char *string)
+{
+    const size_t size = strlen(string) + 1;
+    if (size > blob_longest)
+        return -1;
+    return blobmsg_add_field(buf, BLOBMSG_TYPE_STRING, name, string, static_cast<unsigned int>(size));
+}
+
+int blobmsg_add_u8(blob_buf *buf, const char *name, uint8_t value)
+{
+    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT8, name, &value, sizeof value);
+}
+
+int blobmsg_add_u16(blob_buf *buf, const char *name, uint16_t value)
+{
+    const uint16_t word = htobe16(value);
+    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT16, name, &word, sizeof word);
+}
+
+int blobmsg_add_u32(blob_buf *buf, const char *name, uint32_t value)
+{
+    const uint32_t word = htobe32(value);
+    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT32, name, &word, sizeof word);
+}
+
+int blobmsg_add_u64(blob_buf *buf, const char *name, uint64_t value)
+{
+    const uint64_t word = htobe64(value);
+    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT64, name, &word, sizeof word);
+}
+
+void *blobmsg_open_nested(blob_buf *buf, const char *name, bool array)
+{
+    const char *shown = name != nullptr ? name : "";
+    const size_t length = strlen(shown);
+    if (length > UINT16_MAX)
+        return nullptr;
+    const int type = array ? BLOBMSG_TYPE_ARRAY : BLOBMSG_TYPE_TABLE;
+    void *cookie = blob_nest(buf, blob_extended | blob_kind(type), name_header_size(length));
+    if (cookie != nullptr)
+        set_name(buf->head, shown, length);
+    return cookie;
+}
+
+int blobmsg_type(const blob_attr *attr)
+{
+    return static_cast<int>(blob_id(attr));
+}
+
+const char *blobmsg_name(const blob_attr *attr)
+{
+    return is_extended(attr) ? name_of(attr) : "";
+}
+
+void *blobmsg_data(const blob_attr *attr)
+{
+    char *content = static_cast<char *>(blob_data(attr));
+    return is_extended(attr) ? content + name_header_size(name_len(attr)) : content;
+}
+
+size_t blobmsg_len(const blob_attr *attr)
+{
+    const size_t before = is_extended(attr) ? name_header_size(name_len(attr)) : 0;
+    const size_t length = blob_len(attr);
+    return length > before ? length - before : 0;
+}
+
+size_t blobmsg_data_len(const blob_attr *attr)
+{
+    return blobmsg_len(attr);
+}
+
+char *blobmsg_get_string(blob_attr *attr)
+{
+    return attr != nullptr ? static_cast<char *>(blobmsg_data(attr)) : nullptr;
+}
+
 int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, void *data, unsigned int len)
 {
-    for (int i = 0; i < policy_len; ++i)
+    for (int i = 0; i < policy_len; i++)
         tb[i] = nullptr;
     if (data == nullptr || len == 0)
         return -EINVAL;
@@ -194,13 +197,13 @@ int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, 
     char *position = static_cast<char *>(data);
     size_t left = len;
     while (left >= sizeof(blob_attr)) {
-        auto *const attr = reinterpret_cast<blob_attr *>(position);
+        auto *attr = reinterpret_cast<blob_attr *>(position);
         const size_t padded = blob_pad_len(attr);
         if (padded < sizeof(blob_attr) || padded > left)
             return 0;
         if (!is_valid(attr))
             return -1;
-        for (int i = 0; is_extended(attr) && i < policy_len; ++i) {
+        for (int i = 0; is_extended(attr) && i < policy_len; i++) {
             if (tb[i] == nullptr && matches(policy[i], attr))
                 tb[i] = attr;
         }

@@ -1,9 +1,9 @@
 // Stand-in for libubus, for machines without it: publishing objects on the bus. Source compatible with
 // libubus for what is declared here, not binary compatible; on the wire it talks to the same broker.
 //
-// One thread, that of the event loop, makes every call. A context keeps pointers to the objects added to it,
-// which stay the caller's. Method handlers and connection_lost run in the loop, and also inside
-// ubus_add_object and ubus_reconnect while these wait for the broker, for which they take any time.
+// The thread of the event loop makes every call. A context keeps pointers to its objects, which the caller
+// owns. Method handlers and connection_lost run in the loop, and also inside ubus_add_object and
+// ubus_reconnect, which wait for the broker without a limit.
 #ifndef LIBUBUS_H
 #define LIBUBUS_H
 
@@ -39,7 +39,7 @@ struct ubus_request_data;
 struct ubus_message;
 struct ubus_request;
 
-// The result is the status that the caller gets. msg holds the arguments, until the handler returns.
+// The caller gets the result as its status. msg holds the arguments and is valid until the handler returns.
 typedef int (*ubus_handler_t)(struct ubus_context *ctx, struct ubus_object *obj,
                               struct ubus_request_data *req, const char *method, struct blob_attr *msg);
 
@@ -48,7 +48,7 @@ struct ubus_method {
     ubus_handler_t handler;
     unsigned long mask;                  // unused
     unsigned long tags;                  // unused
-    const struct blobmsg_policy *policy; // what the arguments are said to be; they are not checked against it
+    const struct blobmsg_policy *policy; // the announced arguments; calls are not checked against them
     int n_policy;
 };
 
@@ -83,16 +83,16 @@ struct ubus_context {
     // The rest is the library's own.
     struct ubus_object *objects;   // in the order of their registration
     struct ubus_request *requests; // waiting for their answers, the innermost first
-    struct ubus_message *incoming; // message in the course of arrival, null between two
-    struct ubus_message *queue;    // the last of the calls that wait for busy to become 0
-    struct blob_buf out;           // message in the course of being sent
-    size_t received;      // bytes of the incoming message's header, or of its content when it is there
-    size_t queued;        // bytes that the queue takes
-    uint32_t connections; // made so far
-    int busy;             // handlers and waits in progress
-    uint16_t seq;         // of the last request
-    bool lost_reported;   // connection_lost was called for this connection
-    uint8_t header[12];   // of the incoming message
+    struct ubus_message *incoming; // message that is being received; null between messages
+    struct ubus_message *queue;    // last of the calls that wait until busy is 0
+    struct blob_buf out;           // message that is being sent
+    size_t received;               // received bytes of the header, or of the content once `incoming` is set
+    size_t queued;                 // bytes in the queue
+    uint32_t connections;          // made so far
+    int busy;                      // handlers and waits in progress
+    uint16_t seq;                  // of the last request
+    bool lost_reported;            // connection_lost was called for this connection
+    uint8_t header[12];            // of the incoming message
 };
 
 #ifndef ARRAY_SIZE
@@ -115,26 +115,26 @@ struct ubus_context {
         .name = (_name), .id = 0, .methods = (_methods), .n_methods = ARRAY_SIZE(_methods)                   \
     }
 
-// Calls uloop_init, connects to the broker at path (null: the usual place) and waits for its greeting without
-// limit. Null on any failure.
+// Calls uloop_init, connects to the broker at path (null: the default path) and waits for its greeting
+// without a limit. Null on any failure.
 struct ubus_context *ubus_connect(const char *path);
 void ubus_free(struct ubus_context *ctx);
 
-// Connects again, takes up all objects again, under new ids, and leaves the socket out of the loop. An object
-// that is refused then has id 0 and is forgotten. After UBUS_STATUS_UNKNOWN_ERROR (no valid greeting)
-// sock.fd still holds the number of the closed socket, which the next call closes again unless it is set to
-// -1 before.
+// Connects again and registers all objects again under new ids; does not add the socket to the loop. An
+// object that is refused has id 0 and is forgotten. After UBUS_STATUS_UNKNOWN_ERROR (no valid greeting)
+// sock.fd still holds the number of the closed socket. The next call closes that number again unless it is
+// set to -1 before.
 int ubus_reconnect(struct ubus_context *ctx, const char *path);
 
-// Registers the object and waits for the answer without limit.
+// Registers the object and waits for the reply without a limit.
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
 
-// Sends what a handler has to tell, from inside that handler; msg may be null.
+// Sends a handler's reply; called inside the handler. msg may be null.
 int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg);
 
 static inline void ubus_add_uloop(struct ubus_context *ctx)
 {
-    (void)uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ);
+    uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ);
 }
 
 #ifdef __cplusplus

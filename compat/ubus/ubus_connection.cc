@@ -1,31 +1,32 @@
-// The life of a connection: greeting, messages, loss.
+// A connection to the broker: greeting, messages, loss.
 #include "ubus_connection.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-static constexpr char default_path[] = "/var/run/ubus/ubus.sock";
+namespace {
 
-// Reads before the loop gets its turn, so that a broker that never pauses starves nobody.
-static constexpr int most_reads = 256;
+constexpr char default_path[] = "/var/run/ubus/ubus.sock";
+
+// Reads in one turn of the loop, so that a broker that never pauses does not starve other descriptors.
+constexpr int most_reads = 256;
 
 static_assert(offsetof(ubus_context, sock) == 0);
 
-[[nodiscard]] static int open_socket(const char *path)
+[[nodiscard]] int open_socket(const char *path)
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     const size_t length = strlen(path);
-    if (length >= sizeof(address.sun_path))
+    if (length >= sizeof address.sun_path)
         return -1;
     memcpy(address.sun_path, path, length);
 
@@ -34,16 +35,16 @@ static_assert(offsetof(ubus_context, sock) == 0);
         return -1;
     int result;
     do
-        result = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
+        result = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
     while (result != 0 && errno == EINTR);
     if (result != 0) {
-        (void)close(fd); // nothing was written
+        close(fd);
         return -1;
     }
     return fd;
 }
 
-static ssize_t read_some(int fd, void *bytes, size_t size)
+ssize_t read_some(int fd, void *bytes, size_t size)
 {
     ssize_t count;
     do
@@ -52,19 +53,19 @@ static ssize_t read_some(int fd, void *bytes, size_t size)
     return count;
 }
 
-// Takes the greeting, whose first 12 bytes come in one piece, and the client's id from it.
-[[nodiscard]] static bool read_hello(int fd, uint32_t *id)
+// Reads the greeting and takes the client's id from it. Its first 12 bytes arrive in one read.
+[[nodiscard]] bool read_hello(int fd, uint32_t *id)
 {
     uint8_t header[ubus_header_size];
-    if (read_some(fd, header, sizeof(header)) != sizeof(header) || !ubus_is_header(header))
+    if (read_some(fd, header, sizeof header) != sizeof header || !ubus_is_header(header))
         return false;
     ubus_message hello = {};
-    memcpy(&hello.version, header, sizeof(header));
+    memcpy(&hello.version, header, sizeof header);
     if (hello.type != ubus_type::hello || hello.peer <= 1 || blob_raw_len(&hello.blob) > ubus_longest_blob)
         return false;
     for (size_t left = blob_len(&hello.blob); left > 0;) {
         char rest[256];
-        const ssize_t count = read_some(fd, rest, std::min(left, sizeof(rest)));
+        const ssize_t count = read_some(fd, rest, std::min(left, sizeof rest));
         if (count <= 0)
             return false;
         left -= static_cast<size_t>(count);
@@ -73,8 +74,8 @@ static ssize_t read_some(int fd, void *bytes, size_t size)
     return true;
 }
 
-// On failure without a greeting the number of the closed socket stays in sock.fd, as with libubus.
-[[nodiscard]] static int open_connection(ubus_context *ctx, const char *path)
+// When the greeting fails, sock.fd keeps the number of the closed socket, as in libubus.
+[[nodiscard]] int open_connection(ubus_context *ctx, const char *path)
 {
     ctx->sock.eof = true;
     ctx->lost_reported = true;
@@ -82,7 +83,7 @@ static ssize_t read_some(int fd, void *bytes, size_t size)
     if (ctx->sock.fd < 0)
         return UBUS_STATUS_CONNECTION_FAILED;
     if (!read_hello(ctx->sock.fd, &ctx->local_id) || fcntl(ctx->sock.fd, F_SETFL, O_NONBLOCK) != 0) {
-        (void)close(ctx->sock.fd); // nothing was written
+        close(ctx->sock.fd);
         return UBUS_STATUS_UNKNOWN_ERROR;
     }
     ctx->sock.eof = false;
@@ -91,8 +92,8 @@ static ssize_t read_some(int fd, void *bytes, size_t size)
     return UBUS_STATUS_OK;
 }
 
-// Forgets what came from the broker and was not looked at.
-static void drop_arrivals(ubus_context *ctx)
+// Drops what the broker sent and was not processed.
+void drop_arrivals(ubus_context *ctx)
 {
     free(ctx->incoming);
     ctx->incoming = nullptr;
@@ -100,15 +101,15 @@ static void drop_arrivals(ubus_context *ctx)
     ubus_queue_clear(ctx);
 }
 
-static void close_connection(ubus_context *ctx)
+void close_connection(ubus_context *ctx)
 {
-    (void)uloop_fd_delete(&ctx->sock); // the loop may have gone before
+    uloop_fd_delete(&ctx->sock);
     if (ctx->sock.fd >= 0)
-        (void)close(ctx->sock.fd); // what was sent is out of our hands
+        close(ctx->sock.fd);
     drop_arrivals(ctx);
 }
 
-static void report_loss(ubus_context *ctx)
+void report_loss(ubus_context *ctx)
 {
     if (ctx->lost_reported)
         return;
@@ -117,13 +118,13 @@ static void report_loss(ubus_context *ctx)
         ctx->connection_lost(ctx);
 }
 
-static void end_loop_on_loss(ubus_context *ctx)
+void end_loop_on_loss(ubus_context *ctx)
 {
     if (ctx->sock.registered)
         uloop_end();
 }
 
-static void take_answer(ubus_context *ctx, const ubus_message *message)
+void take_answer(ubus_context *ctx, const ubus_message *message)
 {
     ubus_request *request = ctx->requests;
     while (request != nullptr && (request->seq != message->seq || message->peer != 0))
@@ -145,8 +146,8 @@ static void take_answer(ubus_context *ctx, const ubus_message *message)
     }
 }
 
-// Takes the message over.
-static void take_message(ubus_context *ctx, ubus_message *message)
+// Takes ownership of the message.
+void take_message(ubus_context *ctx, ubus_message *message)
 {
     if (message->type == ubus_type::invoke) {
         ubus_queue_add(ctx, message);
@@ -157,16 +158,16 @@ static void take_message(ubus_context *ctx, ubus_message *message)
     free(message);
 }
 
-// The socket's callback. A loss is reported once, after all that came before it; a descriptor that nobody
-// took out of the loop by then would come up for ever.
-static void serve_socket(uloop_fd *sock, unsigned int)
+// The socket's callback. A loss is reported once, after everything that was received before it. A socket that
+// is still in the loop then is taken out: the loop would report it for ever.
+void serve_socket(uloop_fd *sock, unsigned int)
 {
-    auto *const ctx = reinterpret_cast<ubus_context *>(sock);
+    auto *ctx = reinterpret_cast<ubus_context *>(sock);
     if (ctx->lost_reported) {
-        (void)uloop_fd_delete(sock); // it may be out already
+        uloop_fd_delete(sock);
         return;
     }
-    for (int reads = 0; reads < most_reads || (sock->eof && !sock->registered); ++reads) {
+    for (int reads = 0; reads < most_reads || (sock->eof && !sock->registered); reads++) {
         ubus_message *message;
         switch (ubus_receive(ctx, &message)) {
         case ubus_arrival::message:
@@ -181,6 +182,8 @@ static void serve_socket(uloop_fd *sock, unsigned int)
         }
     }
 }
+
+} // namespace
 
 uint16_t ubus_next_seq(ubus_context *ctx)
 {
@@ -204,14 +207,14 @@ int ubus_request_wait(ubus_context *ctx, ubus_request *request)
         case ubus_arrival::none:
             if (ctx->sock.eof) {
                 report_loss(ctx);
-                // A connection made meanwhile does not know this request.
-                const bool isBack = ctx->connections != connection && !ctx->sock.eof;
-                request->status = isBack ? UBUS_STATUS_TIMEOUT : UBUS_STATUS_CONNECTION_FAILED;
+                // A connection that was made in the meantime does not know this request.
+                const bool is_back = ctx->connections != connection && !ctx->sock.eof;
+                request->status = is_back ? UBUS_STATUS_TIMEOUT : UBUS_STATUS_CONNECTION_FAILED;
                 request->done = true;
                 break;
             }
             pollfd readable = {.fd = ctx->sock.fd, .events = POLLIN, .revents = 0};
-            (void)poll(&readable, 1, -1); // whatever it was, the next read tells
+            poll(&readable, 1, -1); // the next read reports an error
             break;
         }
     }
@@ -224,7 +227,7 @@ ubus_context *ubus_connect(const char *path)
 {
     if (uloop_init() != 0)
         return nullptr;
-    auto *const ctx = static_cast<ubus_context *>(calloc(1, sizeof(ubus_context)));
+    auto *ctx = static_cast<ubus_context *>(calloc(1, sizeof(ubus_context)));
     if (ctx == nullptr)
         return nullptr;
     ctx->sock.cb = serve_socket;

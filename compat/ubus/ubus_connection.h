@@ -1,12 +1,12 @@
-// What the objects and their methods need of the connection, and the other way round.
+// What connection, objects and methods use of each other.
 #ifndef UBUS_CONNECTION_H
 #define UBUS_CONNECTION_H
 
 #include "ubus_message.h"
 
-// A registration that waits for its answer.
+// A registration that waits for its reply.
 struct ubus_request {
-    ubus_request *outer; // waiting around this one
+    ubus_request *outer; // the request that was waiting before this one
     uint16_t seq;        // network byte order
     bool done;
     int status;
@@ -17,8 +17,8 @@ struct ubus_request {
 // The next sequence number, in network byte order.
 uint16_t ubus_next_seq(ubus_context *ctx);
 
-// Waits without limit; calls that arrive meanwhile go into the queue. The status of the answer, or one that
-// tells how the connection was lost.
+// Waits without a limit; calls that arrive in the meantime are queued. The status of the reply, or one that
+// says how the connection was lost.
 [[nodiscard]] int ubus_request_wait(ubus_context *ctx, ubus_request *request);
 
 // ubus_object.cc: an object by its id, or null.
@@ -26,8 +26,8 @@ ubus_object *ubus_object_find(const ubus_context *ctx, uint32_t id);
 // ubus_object.cc: registers all objects again.
 void ubus_objects_refresh(ubus_context *ctx);
 
-// ubus_invoke.cc: takes over a call, and makes all calls in the queue unless a handler or a wait is in
-// progress.
+// ubus_invoke.cc: takes ownership of a call and queues it. The queued calls are made unless a handler or a
+// wait is in progress.
 void ubus_queue_add(ubus_context *ctx, ubus_message *message);
 void ubus_queue_run(ubus_context *ctx);
 void ubus_queue_clear(ubus_context *ctx);

@@ -1,36 +1,23 @@
 #include "ubus_message.h"
 
+#include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-static constexpr size_t content_offset = offsetof(ubus_message, blob) + sizeof(blob_attr);
+namespace {
 
-static const blob_attr *blob_of(const uint8_t *header)
+constexpr size_t content_offset = offsetof(ubus_message, blob) + sizeof(blob_attr);
+
+const blob_attr *blob_of(const uint8_t *header)
 {
     return reinterpret_cast<const blob_attr *>(header + ubus_header_size - sizeof(blob_attr));
 }
 
-bool ubus_is_header(const uint8_t *header)
-{
-    return header[0] == 0 && blob_raw_len(blob_of(header)) >= sizeof(blob_attr);
-}
-
-ubus_message *ubus_message_new(const uint8_t *header)
-{
-    const size_t size = blob_len(blob_of(header));
-    auto *const message = static_cast<ubus_message *>(calloc(1, content_offset + size));
-    if (message != nullptr)
-        memcpy(&message->version, header, ubus_header_size);
-    return message;
-}
-
-static bool is_valid(const blob_attr *attr)
+bool is_valid(const blob_attr *attr)
 {
     const size_t length = blob_len(attr);
     switch (blob_id(attr)) {
@@ -48,34 +35,11 @@ static bool is_valid(const blob_attr *attr)
     }
 }
 
-void ubus_attributes_find(const ubus_message *message, ubus_attributes *attributes)
+// Reads up to `size` bytes without waiting. 0: nothing was there, and sock.eof is set when nothing will come
+// any more.
+size_t receive_bytes(ubus_context *ctx, void *bytes, size_t size)
 {
-    *attributes = {};
-    char *position = static_cast<char *>(blob_data(&message->blob));
-    size_t left = blob_len(&message->blob);
-    while (left >= sizeof(blob_attr)) {
-        auto *const attr = reinterpret_cast<blob_attr *>(position);
-        const size_t padded = blob_pad_len(attr);
-        if (blob_raw_len(attr) < sizeof(blob_attr) || padded > left)
-            return;
-        if (blob_id(attr) < UBUS_ATTR_COUNT && is_valid(attr))
-            attributes->at[blob_id(attr)] = attr;
-        position += padded;
-        left -= padded;
-    }
-}
-
-uint32_t ubus_u32(const blob_attr *attr)
-{
-    uint32_t word;
-    memcpy(&word, blob_data(attr), sizeof(word));
-    return ntohl(word);
-}
-
-// Reads what is there, up to size; 0 when that is nothing, with sock.eof set when nothing will come.
-static size_t receive_bytes(ubus_context *ctx, void *bytes, size_t size)
-{
-    // Descriptors that come along are closed by the kernel, as there is no room for them.
+    // The kernel closes descriptors that are passed along, because there is no room for them.
     ssize_t count;
     do
         count = recv(ctx->sock.fd, bytes, size, 0);
@@ -87,9 +51,9 @@ static size_t receive_bytes(ubus_context *ctx, void *bytes, size_t size)
     return 0;
 }
 
-// A complete header begins a message, or is dropped. Behind one that announces more than a message can hold
-// the stream cannot be followed any further.
-static ubus_arrival begin_message(ubus_context *ctx)
+// A complete header begins a message; an invalid one is dropped. After a header that announces more than a
+// message may hold, the stream cannot be read any further.
+ubus_arrival begin_message(ubus_context *ctx)
 {
     if (!ubus_is_header(ctx->header))
         return ubus_arrival::part;
@@ -101,38 +65,14 @@ static ubus_arrival begin_message(ubus_context *ctx)
     return ubus_arrival::none;
 }
 
-ubus_arrival ubus_receive(ubus_context *ctx, ubus_message **message)
-{
-    if (ctx->lost_reported)
-        return ubus_arrival::none;
-
-    const bool hasHeader = ctx->incoming != nullptr;
-    auto *const bytes = hasHeader ? static_cast<uint8_t *>(blob_data(&ctx->incoming->blob)) : ctx->header;
-    const size_t size = hasHeader ? blob_len(&ctx->incoming->blob) : ubus_header_size;
-    if (ctx->received < size) {
-        const size_t count = receive_bytes(ctx, bytes + ctx->received, size - ctx->received);
-        if (count == 0)
-            return ubus_arrival::none;
-        ctx->received += count;
-        if (ctx->received < size)
-            return ubus_arrival::part;
-    }
-    ctx->received = 0;
-    if (!hasHeader)
-        return begin_message(ctx);
-    *message = ctx->incoming;
-    ctx->incoming = nullptr;
-    return ubus_arrival::message;
-}
-
-// Waits as long as the broker does not read. There is no MSG_NOSIGNAL: uloop_init has SIGPIPE ignored.
-[[nodiscard]] static bool send_all(int fd, iovec *parts, int count)
+// Waits while the broker does not read. MSG_NOSIGNAL is not needed: uloop_init ignores SIGPIPE.
+[[nodiscard]] bool send_all(int fd, iovec *parts, int count)
 {
     while (count > 0) {
         const ssize_t sent = writev(fd, parts, count);
         if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             pollfd writable = {.fd = fd, .events = POLLOUT, .revents = 0};
-            (void)poll(&writable, 1, -1); // whatever it was, the next attempt tells
+            poll(&writable, 1, -1); // the next attempt reports an error
             continue;
         }
         if (sent < 0 && errno == EINTR)
@@ -153,6 +93,70 @@ ubus_arrival ubus_receive(ubus_context *ctx, ubus_message **message)
     return true;
 }
 
+} // namespace
+
+bool ubus_is_header(const uint8_t *header)
+{
+    return header[0] == 0 && blob_raw_len(blob_of(header)) >= sizeof(blob_attr);
+}
+
+ubus_message *ubus_message_new(const uint8_t *header)
+{
+    const size_t size = blob_len(blob_of(header));
+    auto *message = static_cast<ubus_message *>(calloc(1, content_offset + size));
+    if (message != nullptr)
+        memcpy(&message->version, header, ubus_header_size);
+    return message;
+}
+
+void ubus_attributes_find(const ubus_message *message, ubus_attributes *attributes)
+{
+    *attributes = {};
+    char *position = static_cast<char *>(blob_data(&message->blob));
+    size_t left = blob_len(&message->blob);
+    while (left >= sizeof(blob_attr)) {
+        auto *attr = reinterpret_cast<blob_attr *>(position);
+        const size_t padded = blob_pad_len(attr);
+        if (blob_raw_len(attr) < sizeof(blob_attr) || padded > left)
+            return;
+        if (blob_id(attr) < UBUS_ATTR_COUNT && is_valid(attr))
+            attributes->at[blob_id(attr)] = attr;
+        position += padded;
+        left -= padded;
+    }
+}
+
+uint32_t ubus_u32(const blob_attr *attr)
+{
+    uint32_t word;
+    memcpy(&word, blob_data(attr), sizeof word);
+    return ntohl(word);
+}
+
+ubus_arrival ubus_receive(ubus_context *ctx, ubus_message **message)
+{
+    if (ctx->lost_reported)
+        return ubus_arrival::none;
+
+    const bool has_header = ctx->incoming != nullptr;
+    auto *bytes = has_header ? static_cast<uint8_t *>(blob_data(&ctx->incoming->blob)) : ctx->header;
+    const size_t size = has_header ? blob_len(&ctx->incoming->blob) : ubus_header_size;
+    if (ctx->received < size) {
+        const size_t count = receive_bytes(ctx, bytes + ctx->received, size - ctx->received);
+        if (count == 0)
+            return ubus_arrival::none;
+        ctx->received += count;
+        if (ctx->received < size)
+            return ubus_arrival::part;
+    }
+    ctx->received = 0;
+    if (!has_header)
+        return begin_message(ctx);
+    *message = ctx->incoming;
+    ctx->incoming = nullptr;
+    return ubus_arrival::message;
+}
+
 int ubus_send(ubus_context *ctx, ubus_type type, uint16_t seq, uint32_t peer)
 {
     if (ctx->lost_reported)
@@ -163,8 +167,8 @@ int ubus_send(ubus_context *ctx, ubus_type type, uint16_t seq, uint32_t peer)
         uint16_t seq;
         uint32_t peer;
     } header = {0, type, seq, peer};
-    static_assert(sizeof(header) == 8);
-    iovec parts[] = {{&header, sizeof(header)}, {ctx->out.head, blob_raw_len(ctx->out.head)}};
+    static_assert(sizeof header == 8);
+    iovec parts[] = {{&header, sizeof header}, {ctx->out.head, blob_raw_len(ctx->out.head)}};
     if (send_all(ctx->sock.fd, parts, ARRAY_SIZE(parts)))
         return 0;
     ctx->sock.eof = true;

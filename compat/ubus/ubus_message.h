@@ -1,8 +1,8 @@
-// Messages as they travel between client and broker: a header of 8 bytes, then one attribute (id 0) that
-// holds the message's attributes.
+// Messages between client and broker: a header of 8 bytes, then one attribute (id 0) that holds the message's
+// attributes.
 //
-// Sequence numbers and peers are never converted: they stay in network byte order, and what answers a message
-// carries its two as they came.
+// Sequence numbers and peers are never converted: they stay in network byte order, and a reply repeats those
+// of its message.
 #ifndef UBUS_MESSAGE_H
 #define UBUS_MESSAGE_H
 
@@ -47,7 +47,7 @@ bool ubus_is_header(const uint8_t *header);
 // The message with these first 12 bytes and zero content. Null without memory.
 [[nodiscard]] ubus_message *ubus_message_new(const uint8_t *header);
 
-// The message's attributes by id, those of the wrong form left out; of two equal ones the later.
+// The message's attributes by id, without those of a wrong form; the later one of two with the same id.
 struct ubus_attributes {
     blob_attr *at[UBUS_ATTR_COUNT];
 };
@@ -55,8 +55,8 @@ void ubus_attributes_find(const ubus_message *message, ubus_attributes *attribut
 uint32_t ubus_u32(const blob_attr *attr);
 
 enum class ubus_arrival {
-    none,    // there is nothing to read: sock.eof tells whether there may be later
-    part,    // some bytes of a message, or a header that is none and was dropped
+    none,    // there is nothing to read; sock.eof: nor will there be
+    part,    // some bytes of a message, or an invalid header, which was dropped
     message, // the caller owns it
 };
 

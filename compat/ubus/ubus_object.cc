@@ -4,12 +4,14 @@
 
 #include <cstring>
 
-[[nodiscard]] static int put_method(blob_buf *buf, const ubus_method &method)
+namespace {
+
+[[nodiscard]] int put_method(blob_buf *buf, const ubus_method &method)
 {
-    void *const cookie = blobmsg_open_nested(buf, method.name, false);
+    void *cookie = blobmsg_open_nested(buf, method.name, false);
     if (cookie == nullptr)
         return -1;
-    for (int i = 0; i < method.n_policy; ++i) {
+    for (int i = 0; i < method.n_policy; i++) {
         const blobmsg_policy &argument = method.policy[i];
         if (blobmsg_add_u32(buf, argument.name, static_cast<uint32_t>(argument.type)) != 0)
             return -1;
@@ -18,12 +20,12 @@
     return 0;
 }
 
-[[nodiscard]] static int put_signature(blob_buf *buf, const ubus_object_type *type)
+[[nodiscard]] int put_signature(blob_buf *buf, const ubus_object_type *type)
 {
-    void *const cookie = blob_nest(buf, blob_kind(UBUS_ATTR_SIGNATURE), 0);
+    void *cookie = blob_nest(buf, blob_kind(UBUS_ATTR_SIGNATURE), 0);
     if (cookie == nullptr)
         return -1;
-    for (int i = 0; i < type->n_methods; ++i) {
+    for (int i = 0; i < type->n_methods; i++) {
         if (put_method(buf, type->methods[i]) != 0)
             return -1;
     }
@@ -31,7 +33,7 @@
     return 0;
 }
 
-[[nodiscard]] static int put_object(blob_buf *buf, const ubus_object *obj)
+[[nodiscard]] int put_object(blob_buf *buf, const ubus_object *obj)
 {
     if (blob_buf_init(buf, 0) != 0)
         return -1;
@@ -43,8 +45,8 @@
                               : put_signature(buf, obj->type);
 }
 
-// Puts the object at the end, unless it is there.
-static void keep_object(ubus_context *ctx, ubus_object *obj)
+// Appends the object to the list, unless it is in it.
+void keep_object(ubus_context *ctx, ubus_object *obj)
 {
     ubus_object **slot = &ctx->objects;
     while (*slot != nullptr && *slot != obj)
@@ -55,21 +57,13 @@ static void keep_object(ubus_context *ctx, ubus_object *obj)
     }
 }
 
-ubus_object *ubus_object_find(const ubus_context *ctx, uint32_t id)
-{
-    ubus_object *obj = ctx->objects;
-    while (obj != nullptr && obj->id != id)
-        obj = obj->next;
-    return obj;
-}
-
-[[nodiscard]] static int register_object(ubus_context *ctx, ubus_object *obj)
+[[nodiscard]] int register_object(ubus_context *ctx, ubus_object *obj)
 {
     if (put_object(&ctx->out, obj) != 0)
         return UBUS_STATUS_NO_MEMORY;
     ubus_request request = {};
     request.seq = ubus_next_seq(ctx);
-    (void)ubus_send(ctx, ubus_type::add_object, request.seq, 0); // the wait tells of a lost connection
+    (void)ubus_send(ctx, ubus_type::add_object, request.seq, 0); // the wait reports a lost connection
     const int status = ubus_request_wait(ctx, &request);
     if (status != UBUS_STATUS_OK)
         return status;
@@ -80,6 +74,16 @@ ubus_object *ubus_object_find(const ubus_context *ctx, uint32_t id)
         obj->type->id = request.type;
     keep_object(ctx, obj);
     return UBUS_STATUS_OK;
+}
+
+} // namespace
+
+ubus_object *ubus_object_find(const ubus_context *ctx, uint32_t id)
+{
+    ubus_object *obj = ctx->objects;
+    while (obj != nullptr && obj->id != id)
+        obj = obj->next;
+    return obj;
 }
 
 int ubus_add_object(ubus_context *ctx, ubus_object *obj)
@@ -99,8 +103,8 @@ void ubus_objects_refresh(ubus_context *ctx)
             obj->type->id = 0;
     }
     while (rest != nullptr) {
-        ubus_object *const obj = rest;
+        ubus_object *obj = rest;
         rest = obj->next;
-        (void)ubus_add_object(ctx, obj); // id 0 tells of a failure
+        ubus_add_object(ctx, obj); // a failure leaves id 0
     }
 }

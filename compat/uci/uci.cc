@@ -1,11 +1,10 @@
-// The calls: contexts, the search for a package's file, and its reading.
+// Contexts, the search for a package's file, and reading the file.
 #include "uci.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -14,9 +13,6 @@
 #include "uci_package.h"
 #include "uci_parser.h"
 
-static constexpr char default_confdir[] = "/etc/config";
-static constexpr char runtime_confdir[] = "/var/run/uci";
-
 struct uci_context {
     uci_list packages;
     char *confdir; // null: the default
@@ -24,8 +20,13 @@ struct uci_context {
     uci_syntax_error error;
 };
 
-// The printed text in memory of its own; null when there is none.
-[[gnu::format(printf, 1, 2)]] static char *print_new(const char *format, ...)
+namespace {
+
+constexpr char default_confdir[] = "/etc/config";
+constexpr char runtime_confdir[] = "/var/run/uci";
+
+// The formatted text in new memory; null without memory.
+[[gnu::format(printf, 1, 2)]] char *print_new(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
@@ -37,14 +38,14 @@ struct uci_context {
         const size_t size = static_cast<size_t>(length) + 1;
         text = static_cast<char *>(calloc(size, 1));
         if (text != nullptr)
-            (void)vsnprintf(text, size, format, again); // its length is known
+            vsnprintf(text, size, format, again);
     }
     va_end(again);
     va_end(args);
     return text;
 }
 
-[[nodiscard]] static int open_locked(const char *path, int *fd)
+[[nodiscard]] int open_locked(const char *path, int *fd)
 {
     struct stat info;
     if (stat(path, &info) != 0 || !S_ISREG(info.st_mode))
@@ -54,22 +55,23 @@ struct uci_context {
         return UCI_ERR_IO;
     while (flock(*fd, LOCK_SH) != 0) {
         if (errno != EINTR) {
-            (void)close(*fd); // nothing was written
+            close(*fd);
             return UCI_ERR_IO;
         }
     }
     return UCI_OK;
 }
 
-// Reads to the end and puts a NUL behind, which size leaves out; *bytes is the caller's to free in any case.
-[[nodiscard]] static int read_all(int fd, char **bytes, size_t *size)
+// Reads to the end and appends a NUL, which is not part of *size. The caller frees *bytes, also after a
+// failure.
+[[nodiscard]] int read_all(int fd, char **bytes, size_t *size)
 {
     size_t capacity = 0;
     *size = 0;
     for (;;) {
         if (capacity - *size < 2) {
             const size_t larger = capacity != 0 ? capacity * 2 : 4096;
-            void *const grown = larger > capacity ? realloc(*bytes, larger) : nullptr;
+            void *grown = larger > capacity ? realloc(*bytes, larger) : nullptr;
             if (grown == nullptr)
                 return UCI_ERR_MEM;
             *bytes = static_cast<char *>(grown);
@@ -87,7 +89,7 @@ struct uci_context {
     }
 }
 
-[[nodiscard]] static int fill_package(uci_package *package, const char *path, uci_syntax_error *error)
+[[nodiscard]] int fill_package(uci_package *package, const char *path, uci_syntax_error *error)
 {
     int fd;
     int status = open_locked(path, &fd);
@@ -95,12 +97,12 @@ struct uci_context {
         return status;
     size_t size;
     status = read_all(fd, &package->bytes, &size);
-    (void)close(fd); // nothing was written
+    close(fd);
     return status != UCI_OK ? status : uci_parse(package, size, error);
 }
 
-// Not empty, and of visible ASCII throughout.
-static bool is_visible(const char *name)
+// Not empty, and visible ASCII only.
+bool is_visible(const char *name)
 {
     const char *c = name;
     while (*c > 0x20 && *c < 0x7f)
@@ -108,17 +110,17 @@ static bool is_visible(const char *name)
     return c != name && *c == '\0';
 }
 
-static bool is_path(const char *name)
+bool is_path(const char *name)
 {
     return name[0] == '/' || strncmp(name, "./", 2) == 0;
 }
 
-// The path of the package's file, to be freed; null when there is no memory.
-static char *find_path(const uci_context *ctx, const char *name)
+// The path of the package's file, which the caller frees; null without memory.
+char *find_path(const uci_context *ctx, const char *name)
 {
     if (is_path(name))
         return print_new("%s", name);
-    char *const path = print_new("%s/%s", runtime_confdir, name);
+    char *path = print_new("%s/%s", runtime_confdir, name);
     struct stat info;
     if (path == nullptr || stat(path, &info) == 0)
         return path;
@@ -126,24 +128,24 @@ static char *find_path(const uci_context *ctx, const char *name)
     return print_new("%s/%s", ctx->confdir != nullptr ? ctx->confdir : default_confdir, name);
 }
 
-[[nodiscard]] static int load(uci_context *ctx, const char *name, uci_package **package)
+[[nodiscard]] int load(uci_context *ctx, const char *name, uci_package **package)
 {
     if (name == nullptr || !is_visible(name))
         return UCI_ERR_INVAL;
     if (name[0] == '.' && !is_path(name))
         return UCI_ERR_NOTFOUND;
-    const char *const packageName = is_path(name) ? strrchr(name, '/') + 1 : name;
+    const char *loaded_name = is_path(name) ? strrchr(name, '/') + 1 : name;
     uci_element *e;
     uci_foreach_element(&ctx->packages, e)
     {
-        if (strcmp(e->name, packageName) == 0)
+        if (strcmp(e->name, loaded_name) == 0)
             return UCI_ERR_DUPLICATE;
     }
 
-    uci_package *const loaded = uci_package_new(packageName);
+    uci_package *loaded = uci_package_new(loaded_name);
     if (loaded == nullptr)
         return UCI_ERR_MEM;
-    char *const path = find_path(ctx, name);
+    char *path = find_path(ctx, name);
     const int status = path != nullptr ? fill_package(loaded, path, &ctx->error) : UCI_ERR_MEM;
     free(path);
     if (status != UCI_OK) {
@@ -156,7 +158,7 @@ static char *find_path(const uci_context *ctx, const char *name)
     return UCI_OK;
 }
 
-[[nodiscard]] static int unload(uci_package *package)
+[[nodiscard]] int unload(uci_package *package)
 {
     if (package == nullptr)
         return UCI_ERR_INVAL;
@@ -165,11 +167,11 @@ static char *find_path(const uci_context *ctx, const char *name)
     return UCI_OK;
 }
 
-[[nodiscard]] static int set_confdir(uci_context *ctx, const char *dir)
+[[nodiscard]] int set_confdir(uci_context *ctx, const char *dir)
 {
     if (dir == nullptr)
         return UCI_ERR_INVAL;
-    char *const copy = print_new("%s", dir);
+    char *copy = print_new("%s", dir);
     if (copy == nullptr)
         return UCI_ERR_MEM;
     free(ctx->confdir);
@@ -177,19 +179,21 @@ static char *find_path(const uci_context *ctx, const char *name)
     return UCI_OK;
 }
 
-static const char *status_text(int status)
+const char *status_text(int status)
 {
     static constexpr const char *texts[] = {
         "Success",   "Out of memory", "Invalid argument", "Entry not found",
         "I/O error", "Parse error",   "Duplicate entry",  "Unknown error",
     };
-    static_assert(sizeof(texts) / sizeof(texts[0]) == UCI_ERR_UNKNOWN + 1);
+    static_assert(sizeof texts / sizeof texts[0] == UCI_ERR_UNKNOWN + 1);
     return texts[status];
 }
 
+} // namespace
+
 uci_context *uci_alloc_context()
 {
-    auto *const ctx = static_cast<uci_context *>(calloc(1, sizeof(uci_context)));
+    auto *ctx = static_cast<uci_context *>(calloc(1, sizeof(uci_context)));
     if (ctx != nullptr)
         uci_list_init(&ctx->packages);
     return ctx;
@@ -199,7 +203,7 @@ void uci_free_context(uci_context *ctx)
 {
     if (ctx == nullptr)
         return;
-    while (uci_element *const e = uci_list_take(&ctx->packages))
+    while (uci_element *e = uci_list_take(&ctx->packages))
         uci_package_free(reinterpret_cast<uci_package *>(e));
     free(ctx->confdir);
     free(ctx);
@@ -228,8 +232,8 @@ int uci_unload(uci_context *ctx, uci_package *p)
 
 void uci_get_errorstr(uci_context *ctx, char **dest, const char *prefix)
 {
-    const char *const before = prefix != nullptr ? prefix : "";
-    const char *const colon = prefix != nullptr ? ": " : "";
+    const char *before = prefix != nullptr ? prefix : "";
+    const char *colon = prefix != nullptr ? ": " : "";
     const int status = ctx != nullptr ? ctx->status : UCI_ERR_INVAL;
     if (status == UCI_ERR_PARSE)
         *dest = print_new("%s%s%s (%s) at line %zu, byte %zu", before, colon, status_text(status),

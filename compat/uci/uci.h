@@ -2,9 +2,8 @@
 // /etc/config/dns, and nothing else. Source compatible with libuci for what is declared here, not binary
 // compatible. Changes that were set but not committed (in /tmp/.uci) are not looked at.
 //
-// A context owns the packages loaded in it, and a package everything that its walk shows: no pointer of a
-// walk outlives the uci_unload or uci_free_context that ends the package. A context belongs to one thread at
-// a time.
+// A context owns its packages, and a package owns every element of its walk: pointers to them are valid until
+// uci_unload or uci_free_context. A context belongs to one thread at a time.
 #ifndef UCI_H
 #define UCI_H
 
@@ -49,11 +48,11 @@ struct uci_element {
 struct uci_package {
     struct uci_element e; // stays first
     struct uci_list sections;
-    char *bytes; // the file; every string of the walk that was read from it points in here
+    char *bytes; // the file; strings that were read from it point in here
 };
 
 struct uci_section {
-    struct uci_element e; // stays first; the name is a generated one where the file gives none
+    struct uci_element e; // stays first; the name is generated where the file gives none
     struct uci_list options;
     struct uci_package *package;
     bool anonymous;
@@ -63,14 +62,14 @@ struct uci_section {
 struct uci_option {
     struct uci_element e; // stays first
     struct uci_section *section;
-    enum uci_option_type type; // tells which member of v is there
+    enum uci_option_type type; // tells which member of v is used
     union {
-        struct uci_list list; // of uci_element, each named as its item, which may be empty
+        struct uci_list list; // of uci_element; the name is the item's value, which may be empty
         char *string;         // never empty
     } v;
 };
 
-// for (...) over the elements behind a list head, in the order of the file.
+// A for loop over the elements of a list, in the order of the file.
 #define uci_foreach_element(_list, _e)                                                                       \
     for ((_e) = (struct uci_element *)(_list)->next; &(_e)->list != (_list);                                 \
          (_e) = (struct uci_element *)(_e)->list.next)
@@ -78,11 +77,11 @@ struct uci_option {
 #define uci_to_section(_e) ((struct uci_section *)(_e))
 #define uci_to_option(_e) ((struct uci_option *)(_e))
 
-// Null when there is no memory.
+// Null without memory.
 struct uci_context *uci_alloc_context(void);
 void uci_free_context(struct uci_context *ctx);
 
-// Reads the directory's files instead of those of /etc/config; a file of /var/run/uci still goes first.
+// Reads the files of that directory instead of /etc/config. A file in /var/run/uci still takes precedence.
 int uci_set_confdir(struct uci_context *ctx, const char *dir);
 
 // Loads /var/run/uci/NAME or else /etc/config/NAME; a name that begins with "/" or "./" is the file itself.
@@ -91,8 +90,8 @@ int uci_set_confdir(struct uci_context *ctx, const char *dir);
 int uci_load(struct uci_context *ctx, const char *name, struct uci_package **package);
 int uci_unload(struct uci_context *ctx, struct uci_package *p);
 
-// *dest becomes the text of the last call's result, for the caller to free, or null when there is no memory.
-// A prefix that is not null, even an empty one, is put before it with a colon and a blank.
+// Sets *dest to the text of the last call's result, which the caller frees, or to null without memory. A
+// prefix that is not null, even an empty one, precedes it with a colon and a blank.
 void uci_get_errorstr(struct uci_context *ctx, char **dest, const char *prefix);
 
 #ifdef __cplusplus

@@ -1,93 +1,95 @@
-// A file is parsed where it lies. A word is never longer than its source with quotes and backslashes, so it
-// is written back over that source and closed with a NUL; the strings of the package point to it.
+// A file is parsed in place. A word is never longer than its source with quotes and backslashes, so it is
+// written over that source and ended with a NUL. The strings of the package point to these words.
 #include "uci_parser.h"
 
 #include <cstring>
 
 #include "uci_package.h"
 
+namespace {
+
 struct parser {
     uci_builder build;
-    char *at;      // the next byte
-    char *lineEnd; // behind what counts of the line: its line feed, or earlier before a comment
-    char *next;    // the next line
-    char *end;     // behind the file; holds a NUL and serves as the empty word
-    char *origin;  // byte 0 of the logical line, moved on by what was dropped from the line
+    char *at;       // the next byte
+    char *line_end; // end of the line's content: behind its line feed, or before a comment
+    char *next;     // the next line
+    char *end;      // end of the file; holds a NUL, which is also the empty word
+    char *origin; // byte 0 of the logical line, for error positions; moved by what was dropped from the line
     uci_syntax_error *error;
 };
 
-static bool is_white(char c)
+bool is_white(char c)
 {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-static bool is_blank(char c)
+bool is_blank(char c)
 {
     return c == ' ' || c == '\t';
 }
 
-static bool is_visible(char c)
+bool is_visible(char c)
 {
     return c > 0x20 && c < 0x7f;
 }
 
-static bool is_name_byte(char c)
+bool is_name_byte(char c)
 {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
 }
 
-static bool is_package_byte(char c)
+bool is_package_byte(char c)
 {
     return is_name_byte(c) || c == '-';
 }
 
-static bool consists_of(const char *text, bool (*allowed)(char))
+bool consists_of(const char *text, bool (*allowed)(char))
 {
     while (*text != '\0' && allowed(*text))
         ++text;
     return *text == '\0';
 }
 
-[[nodiscard]] static int syntax_failure(parser *p, const char *place, const char *reason)
+[[nodiscard]] int syntax_failure(parser *p, const char *place, const char *reason)
 {
     p->error->reason = reason;
     p->error->byte = static_cast<size_t>(place - p->origin);
     return UCI_ERR_PARSE;
 }
 
-// Goes on at the start of the next line, where the count of bytes goes on too; false at the end of the file.
-// A NUL, which no value can hold, drops the rest of its line.
-static bool next_line(parser *p)
+// Continues at the start of the next line, and continues the count of bytes; false at the end of the file. A
+// NUL drops the rest of its line, because no value can hold one.
+bool next_line(parser *p)
 {
     p->origin += p->next - p->at;
-    p->at = p->lineEnd = p->next;
+    p->at = p->line_end = p->next;
     if (p->at == p->end)
         return false;
-    auto *const feed = static_cast<char *>(memchr(p->at, '\n', static_cast<size_t>(p->end - p->at)));
+    auto *feed = static_cast<char *>(memchr(p->at, '\n', static_cast<size_t>(p->end - p->at)));
     if (feed != nullptr)
         ++p->error->line;
     p->next = feed != nullptr ? feed + 1 : p->end;
-    auto *const nul = static_cast<char *>(memchr(p->at, '\0', static_cast<size_t>(p->next - p->at)));
-    p->lineEnd = nul != nullptr ? nul : p->next;
+    auto *nul = static_cast<char *>(memchr(p->at, '\0', static_cast<size_t>(p->next - p->at)));
+    p->line_end = nul != nullptr ? nul : p->next;
     return true;
 }
 
-// Behind a backslash: takes the next byte as it is, or drops the line's end, LF or CR LF, and goes on with
-// the next line. The count of bytes goes on where the dropped end stood.
-static void read_escaped(parser *p, char **out)
+// After a backslash: takes the next byte literally, or drops an LF or CR LF and continues with the next line.
+// The count of bytes continues from the dropped bytes.
+void read_escaped(parser *p, char **out)
 {
-    const bool crlf = p->lineEnd - p->at >= 2 && p->at[0] == '\r' && p->at[1] == '\n';
-    if (p->at == p->lineEnd || *p->at == '\n' || crlf)
-        (void)next_line(p); // at the end of the file nothing is joined
+    const bool crlf = p->line_end - p->at >= 2 && p->at[0] == '\r' && p->at[1] == '\n';
+    if (p->at == p->line_end || *p->at == '\n' || crlf)
+        next_line(p); // at the end of the file there is nothing to join
     else
         *(*out)++ = *p->at++;
 }
 
-[[nodiscard]] static int read_quoted(parser *p, char **out)
+[[nodiscard]] int read_quoted(parser *p, char **out)
 {
     const char quote = *p->at++;
     for (;;) {
-        if (p->at == p->lineEnd) {
+        if (p->at == p->line_end) {
             if (!next_line(p))
                 return syntax_failure(p, p->at,
                                       quote == '"' ? "EOF with unterminated \"" : "EOF with unterminated '");
@@ -103,26 +105,26 @@ static void read_escaped(parser *p, char **out)
     }
 }
 
-static void skip_white(parser *p)
+void skip_white(parser *p)
 {
-    while (p->at < p->lineEnd && is_white(*p->at))
+    while (p->at < p->line_end && is_white(*p->at))
         ++p->at;
 }
 
-// Reads the next word of the logical line and one white-space byte behind it. At the end of the line the word
-// is empty, as it is at a ';', which it then takes.
-[[nodiscard]] static int read_word(parser *p, char **word)
+// Reads the next word of the logical line and one white-space byte after it. The word is empty at the end of
+// the line, and at a ';', which is then consumed.
+[[nodiscard]] int read_word(parser *p, char **word)
 {
     skip_white(p);
     *word = p->end;
-    if (p->at == p->lineEnd)
+    if (p->at == p->line_end)
         return UCI_OK;
     if (*p->at == ';') {
         ++p->at;
         return UCI_OK;
     }
     char *out = *word = p->at;
-    while (p->at < p->lineEnd && !is_white(*p->at) && *p->at != ';' && *p->at != '#') {
+    while (p->at < p->line_end && !is_white(*p->at) && *p->at != ';' && *p->at != '#') {
         if (*p->at == '\'' || *p->at == '"') {
             const int status = read_quoted(p, &out);
             if (status != UCI_OK)
@@ -134,13 +136,13 @@ static void skip_white(parser *p)
             *out++ = *p->at++;
         }
     }
-    if (p->at < p->lineEnd) {
-        // A comment ends the line; so does a ';' right behind a word without quote and backslash, which
-        // leaves no other place for the NUL than the ';'.
+    if (p->at < p->line_end) {
+        // A comment ends the line. So does a ';' directly after a word without quotes and backslashes: the
+        // NUL must overwrite the ';'.
         if (is_white(*p->at))
             ++p->at;
         else if (*p->at == '#' || p->at == out)
-            p->lineEnd = p->at;
+            p->line_end = p->at;
     }
     *out = '\0';
     return UCI_OK;
@@ -152,13 +154,13 @@ struct field {
     const char *reason; // for a byte that is not allowed
 };
 
-static constexpr char bad_name[] = "invalid character in name field";
-static constexpr field package_name = {is_package_byte, true, bad_name};
-static constexpr field section_type = {is_visible, true, "invalid character in type field"};
-static constexpr field section_name = {is_name_byte, false, bad_name};
-static constexpr field option_name = {is_name_byte, true, bad_name};
+constexpr char bad_name[] = "invalid character in name field";
+constexpr field package_name = {is_package_byte, true, bad_name};
+constexpr field section_type = {is_visible, true, "invalid character in type field"};
+constexpr field section_name = {is_name_byte, false, bad_name};
+constexpr field option_name = {is_name_byte, true, bad_name};
 
-[[nodiscard]] static int read_field(parser *p, const field &kind, char **word)
+[[nodiscard]] int read_field(parser *p, const field &kind, char **word)
 {
     const int status = read_word(p, word);
     if (status != UCI_OK)
@@ -168,7 +170,7 @@ static constexpr field option_name = {is_name_byte, true, bad_name};
     return consists_of(*word, kind.allowed) ? UCI_OK : syntax_failure(p, p->at, kind.reason);
 }
 
-[[nodiscard]] static int end_statement(parser *p)
+[[nodiscard]] int end_statement(parser *p)
 {
     char *word;
     const int status = read_word(p, &word);
@@ -177,15 +179,15 @@ static constexpr field option_name = {is_name_byte, true, bad_name};
     return *word == '\0' ? UCI_OK : syntax_failure(p, p->at, "too many arguments");
 }
 
-// The name that was given to uci_load stays the package's name.
-[[nodiscard]] static int parse_package(parser *p)
+// The package keeps the name that was given to uci_load.
+[[nodiscard]] int parse_package(parser *p)
 {
     char *name;
     const int status = read_field(p, package_name, &name);
     return status != UCI_OK ? status : end_statement(p);
 }
 
-[[nodiscard]] static int parse_config(parser *p)
+[[nodiscard]] int parse_config(parser *p)
 {
     char *type;
     char *name;
@@ -203,8 +205,7 @@ static constexpr field option_name = {is_name_byte, true, bad_name};
     return status;
 }
 
-template <int (*store)(uci_builder *, char *name, char *value)>
-[[nodiscard]] static int parse_setting(parser *p)
+template <int (*store)(uci_builder *, char *name, char *value)> [[nodiscard]] int parse_setting(parser *p)
 {
     char *name;
     char *value;
@@ -217,20 +218,20 @@ template <int (*store)(uci_builder *, char *name, char *value)>
 }
 
 struct command {
-    const char *word; // its first letter alone will do
-    bool inSection;
+    const char *word; // its first letter alone is accepted as well
+    bool in_section;
     int (*parse)(parser *);
-    const char *unfinished; // when the file ends right behind the word
+    const char *unfinished; // when nothing follows the word on its line
 };
 
-static constexpr command commands[] = {
+constexpr command commands[] = {
     {"package", false, parse_package, "package without name"},
     {"config", false, parse_config, "config without name"},
     {"option", true, parse_setting<uci_build_option>, "option without name"},
     {"list", true, parse_setting<uci_build_item>, "option without name"},
 };
 
-static const command *find_command(const char *word, size_t length)
+const command *find_command(const char *word, size_t length)
 {
     for (const command &c : commands)
         if ((length == 1 || length == strlen(c.word)) && memcmp(word, c.word, length) == 0)
@@ -238,35 +239,37 @@ static const command *find_command(const char *word, size_t length)
     return nullptr;
 }
 
-[[nodiscard]] static int parse_statement(parser *p)
+[[nodiscard]] int parse_statement(parser *p)
 {
-    const char *const start = p->at;
-    while (p->at < p->lineEnd && is_blank(*p->at))
+    const char *start = p->at;
+    while (p->at < p->line_end && is_blank(*p->at))
         ++p->at;
-    if (p->at < p->lineEnd && *p->at == '#')
-        p->at = p->lineEnd;
-    if (p->at == p->lineEnd)
+    if (p->at < p->line_end && *p->at == '#')
+        p->at = p->line_end;
+    if (p->at == p->line_end)
         return UCI_OK;
 
-    const char *const word = p->at;
-    while (p->at < p->lineEnd && !is_blank(*p->at))
+    const char *word = p->at;
+    while (p->at < p->line_end && !is_blank(*p->at))
         ++p->at;
-    const command *const found = find_command(word, static_cast<size_t>(p->at - word));
+    const command *found = find_command(word, static_cast<size_t>(p->at - word));
     if (found == nullptr)
         return syntax_failure(p, start, "invalid command");
-    if (found->inSection && p->build.section == nullptr)
+    if (found->in_section && p->build.section == nullptr)
         return syntax_failure(p, start, "option/list command found before the first section");
-    if (p->at == p->lineEnd)
+    if (p->at == p->line_end)
         return syntax_failure(p, start, found->unfinished);
     return found->parse(p);
 }
+
+} // namespace
 
 int uci_parse(uci_package *package, size_t size, uci_syntax_error *error)
 {
     *error = {};
     parser p = {};
     p.build.package = package;
-    p.at = p.lineEnd = p.next = p.origin = package->bytes;
+    p.at = p.line_end = p.next = p.origin = package->bytes;
     p.end = package->bytes + size;
     p.error = error;
 
@@ -274,9 +277,8 @@ int uci_parse(uci_package *package, size_t size, uci_syntax_error *error)
     while (status == UCI_OK && next_line(&p)) {
         p.origin = p.at;
         skip_white(&p);
-        while (status == UCI_OK && p.at < p.lineEnd)
+        while (status == UCI_OK && p.at < p.line_end)
             status = parse_statement(&p);
     }
-    uci_build_end(&p.build);
     return status;
 }

@@ -1,4 +1,4 @@
-// The file syntax: words, the statements made of them, and the places of faults.
+// The file syntax: words, statements, and the positions of errors.
 #ifndef UCI_PARSER_H
 #define UCI_PARSER_H
 
@@ -10,8 +10,8 @@ struct uci_syntax_error {
     size_t byte; // in the logical line, from 0
 };
 
-// Parses the package's bytes, size of them and a NUL behind, into its sections. UCI_ERR_PARSE fills the
-// error; after any failure the package is only good to be freed.
+// Parses the package's bytes, `size` of them and a NUL, into its sections. UCI_ERR_PARSE fills *error. After
+// any failure the package can only be freed.
 [[nodiscard]] int uci_parse(uci_package *package, size_t size, uci_syntax_error *error);
 
 #endif

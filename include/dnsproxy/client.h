@@ -26,7 +26,7 @@ enum {
     DNSPROXY_DNS_SERVER_ADDORSET = 6, /* SET if the interface is there, else ADD */
     DNSPROXY_DNS_SERVER_GETADDRS = 7, /* all IPv4 servers, as trailing data */
     DNSPROXY_DNS_SERVER_GETIFS = 8,   /* all interfaces with their IPv4 servers, as trailing data */
-    DNSPROXY_DNS_SERVER_DELALL = 9    /* delete all interfaces but VPN devices ("lt-...", "pt-...") */
+    DNSPROXY_DNS_SERVER_DELALL = 9    /* delete all interfaces except VPN devices ("lt-...", "pt-...") */
 };
 
 /* Results; 0 and positive values are success. */

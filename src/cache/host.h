@@ -17,7 +17,7 @@ struct host_v6 {
     uint16_t port;
 };
 
-// What tells one query in flight from all others.
+// The key of a query in flight.
 template <class Host> struct host_key {
     Host host;
     uint16_t id; // the host's own identifier

@@ -17,7 +17,7 @@ void dnsproxy_noreply_count()
     const mutex_guard lock(&dnsproxy_data.noReplyLock);
     dnsproxy_data.noReplyCount++;
     if (dnsproxy_data.noReplyCount >= threshold && dnsproxy_data.noReplyArmed == 1) {
-        (void)nms_event_notify(no_reply_event, nullptr, "{}");
+        nms_event_notify(no_reply_event, nullptr, "{}");
         dnsproxy_data.noReplyArmed = 0;
     }
     dnsproxy_data.noReplyCount %= threshold;

@@ -1,7 +1,6 @@
-// Memory for records that all live equally long, and so end in about the order in which they were made. They
-// stand side by side in slabs, and a slab is freed with the last of its records: no record costs an
-// allocator's search, and records that expire one after the other are neighbours in memory. A flood's slabs
-// go back when its records have ended.
+// Memory for records that all live equally long, and so end in about the order in which they were made.
+// Records are neighbours in slabs of 64, and a slab is freed with the last of its records: one allocation
+// serves 64 records, and the memory of a flood is freed when its records have expired.
 //
 // AddressSanitizer takes a record that has ended, or was not handed out yet, for freed memory.
 #ifndef CACHE_RECORD_ARENA_H
@@ -19,7 +18,7 @@ struct record_arena {
 // Memory for a record, aligned to 8 bytes and not cleared; nullptr without memory.
 void *record_arena_take(record_arena *arena);
 
-// Ends a record that was taken from this arena.
+// Takes back the memory of a record of this arena.
 void record_arena_give_back(record_arena *arena, void *record);
 
 #endif

@@ -84,8 +84,8 @@ template <class Family> void deinit()
 // Frees a record that is in no list. The tables and the timer skip one that they do not hold.
 template <class Family> void discard(typename Family::entry *e)
 {
-    (void)ipcom_hash_remove(Family::hosts(), e);
-    (void)ipcom_hash_remove(Family::ids(), e);
+    ipcom_hash_remove(Family::hosts(), e);
+    ipcom_hash_remove(Family::ids(), e);
     ipcom_tmo2_cancel(&e->tmo);
     record_arena_give_back(&memory<Family>, e);
 }
@@ -275,16 +275,16 @@ int dnsproxy_cache_show()
     FILE *out = dump.file();
     if (out == nullptr)
         return 0;
-    (void)fprintf(out, "***Show all dns request cache entry(sizeof:%d)***\n", dnsproxy_data.cacheList.size);
+    fprintf(out, "***Show all dns request cache entry(sizeof:%d)***\n", dnsproxy_data.cacheList.size);
     for (auto *e = ipcom_first<dnsproxy_cache_entry>(dnsproxy_data.cacheList); e != nullptr;
          e = ipcom_next(e)) {
-        (void)fprintf(out, "From:%x port:%d id:%d.\n", static_cast<uint32_t>(e->from), e->port, e->id);
-        (void)fprintf(out, "New id:%d.\n", e->new_id);
-        (void)fprintf(out, "Out interface name:%s dnsIndex:%d.\n", e->ifname, e->dnsIndex);
-        (void)fprintf(out, "Falgs:%x.\n", static_cast<uint32_t>(e->flags));
-        (void)fprintf(out, "\n\n");
+        fprintf(out, "From:%x port:%d id:%d.\n", static_cast<uint32_t>(e->from), e->port, e->id);
+        fprintf(out, "New id:%d.\n", e->new_id);
+        fprintf(out, "Out interface name:%s dnsIndex:%d.\n", e->ifname, e->dnsIndex);
+        fprintf(out, "Falgs:%x.\n", static_cast<uint32_t>(e->flags));
+        fprintf(out, "\n\n");
     }
-    (void)fprintf(out, "End\n\n");
+    fprintf(out, "End\n\n");
     dump.write();
     return 0;
 }

@@ -16,15 +16,15 @@ constexpr size_t command_size = 128;
 constexpr size_t logical_max = command_size - sizeof command_format + 2; // the "%s" goes, the NUL stays
 static_assert(logical_max == 34);
 
-// Nothing that means something to a shell passes.
+// Refuses every character that a shell would interpret.
 bool is_safe_name(const char *name)
 {
     static constexpr char allowed[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-@:";
     return strspn(name, allowed) == strlen(name);
 }
 
-// The command's output stream; closing it waits for the command. The command gets the default action of
-// SIGPIPE, which the daemon ignores: one that prints without end then ends when the stream is closed.
+// The command's output stream; closing it waits for the command. The daemon ignores SIGPIPE, but the command
+// gets its default action: a command that prints without end then ends when the stream is closed.
 class command_output {
 public:
     explicit command_output(const char *command)
@@ -32,14 +32,14 @@ public:
         struct sigaction ends = {};
         struct sigaction daemons = {};
         ends.sa_handler = SIG_DFL;
-        (void)sigaction(SIGPIPE, &ends, &daemons);
+        sigaction(SIGPIPE, &ends, &daemons);
         file_ = popen(command, "re");
-        (void)sigaction(SIGPIPE, &daemons, nullptr);
+        sigaction(SIGPIPE, &daemons, nullptr);
     }
     ~command_output()
     {
         if (file_ != nullptr)
-            (void)pclose(file_);
+            pclose(file_);
     }
     command_output(const command_output &) = delete;
     command_output &operator=(const command_output &) = delete;
@@ -66,7 +66,7 @@ int dnsproxy_get_effect_devices(const char *logical, char *device)
         return DNSPROXY_EFAIL;
     }
     char command[command_size] = {};
-    (void)snprintf(command, sizeof command, command_format, logical);
+    snprintf(command, sizeof command, command_format, logical);
     const command_output output(command);
     if (output.file() == nullptr) {
         DNSPROXY_LOG(ERROR, __func__, 0, "Failed to get other infaces status.");

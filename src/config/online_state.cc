@@ -9,10 +9,12 @@
 #include "core/log.h"
 #include "iface/server_if.h"
 
-static constexpr char path[] = "/tmp/online/state";
-static constexpr char separator[] = "=";
+namespace {
 
-static void apply_line(const char *op, char *line)
+constexpr char path[] = "/tmp/online/state";
+constexpr char separator[] = "=";
+
+void apply_line(const char *op, char *line)
 {
     char *rest = nullptr;
     const char *device = strtok_r(line, separator, &rest);
@@ -25,8 +27,10 @@ static void apply_line(const char *op, char *line)
     if (state == nullptr)
         return;
     const uint64_t is_down = strncmp(state, "off", 3) == 0 ? 1 : 0;
-    (void)dnsproxy_server_if_state_up(name, &is_down); // not every device of the router is an outgoing one
+    dnsproxy_server_if_state_up(name, &is_down); // not every device of the router is an outgoing one
 }
+
+} // namespace
 
 int dnsproxy_load_server_dev_state()
 {

@@ -16,7 +16,7 @@ struct resolver_entry {
     [[nodiscard]] bool is_server() const;  // the value, where there is one, should be an address
 };
 
-// The walk over the file, for whoever has to read it as the daemon does.
+// The walk over the file, for every program that must read it as the daemon does.
 class resolver_file {
 public:
     [[nodiscard]] bool is_open() const { return text_.is_open(); }

@@ -1,5 +1,5 @@
-// One rule of the configuration store, and what its words mean: for the daemon, which applies it, and for
-// whoever has to read it as the daemon does.
+// One rule of the configuration store and the meaning of its options, for the daemon and for tools that must
+// read a rule as the daemon does.
 #ifndef CONFIG_RULE_H
 #define CONFIG_RULE_H
 

@@ -13,7 +13,7 @@ public:
     ~text_file()
     {
         if (file_ != nullptr)
-            (void)fclose(file_);
+            fclose(file_);
     }
     text_file(const text_file &) = delete;
     text_file &operator=(const text_file &) = delete;

@@ -42,8 +42,8 @@ void copy_field(blob_attr *field, char (&text)[field_size])
 int dnsproxy_update_if(ubus_context *, ubus_object *, ubus_request_data *, const char *, blob_attr *message)
 {
     blob_attr *fields[UPDATE_FIELDS] = {};
-    (void)blobmsg_parse(update_policy, UPDATE_FIELDS, fields, blob_data(message),
-                        static_cast<unsigned int>(blob_len(message)));
+    blobmsg_parse(update_policy, UPDATE_FIELDS, fields, blob_data(message),
+                  static_cast<unsigned int>(blob_len(message)));
     for (const blob_attr *field : fields) {
         if (field == nullptr)
             return UBUS_STATUS_INVALID_ARGUMENT;
@@ -56,7 +56,7 @@ int dnsproxy_update_if(ubus_context *, ubus_object *, ubus_request_data *, const
     copy_field(fields[UPDATE_STATUS], status);
     const uint64_t is_down = strcmp(status, "on") == 0 ? 0 : 1;
     DNSPROXY_LOG(DEBUG, __func__, 0, "dns proxy ubus name:%s dev:%s status:%s\r\n", name, dev, status);
-    (void)dnsproxy_server_if_state_up(dev, &is_down); // an unknown device is no error of the caller's
+    dnsproxy_server_if_state_up(dev, &is_down); // an unknown device is no error of the caller's
     return UBUS_STATUS_OK;
 }
 
@@ -71,8 +71,7 @@ bool add_state(blob_buf *buf, const dnsproxy_server_if *sif)
     return added;
 }
 
-// False: there was no memory, and the message lacks what did not fit. The message itself must have been made:
-// the library would follow a null pointer.
+// False without memory for all lines. The message must have been initialised: the library does not test it.
 bool dnsproxy_server_if_fillState(blob_buf *buf)
 {
     const mutex_guard lock(&dnsproxy_data.serverIfLock);
@@ -89,7 +88,7 @@ int dnsproxy_get_state(ubus_context *ctx, ubus_object *, ubus_request_data *requ
 {
     if (blob_buf_init(&reply_buf, 0) != 0 || !dnsproxy_server_if_fillState(&reply_buf))
         return UBUS_STATUS_UNKNOWN_ERROR;
-    (void)ubus_send_reply(ctx, request, reply_buf.head); // a caller that has gone misses nothing
+    ubus_send_reply(ctx, request, reply_buf.head); // a caller that has gone misses nothing
     return UBUS_STATUS_OK;
 }
 
@@ -114,7 +113,7 @@ ubus_object dnsproxy_object;
 
 void listen_to_bus()
 {
-    (void)uloop_fd_add(&dnsproxy_ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
+    uloop_fd_add(&dnsproxy_ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
 }
 
 bool reconnect()
@@ -154,7 +153,7 @@ void ubus_connection_lost(ubus_context *)
     }
 
     DNSPROXY_LOG(ERROR, __func__, 0, "failed to reconnect, trying again in %d seconds\n", reconnect_s);
-    (void)uloop_timeout_set(&dnsproxy_reconnect_timer, reconnect_s * 1000);
+    uloop_timeout_set(&dnsproxy_reconnect_timer, reconnect_s * 1000);
 }
 
 void dnsproxy_reconnect_cb(uloop_timeout *)
@@ -181,7 +180,7 @@ bool publish()
         dnsproxy_ctx = nullptr;
         return false;
     }
-    (void)uloop_init();
+    uloop_init();
     listen_to_bus();
     return true;
 }
@@ -192,7 +191,7 @@ void *dnsproxy_ubus_init(void *)
     sigset_t sigpipe;
     sigemptyset(&sigpipe);
     sigaddset(&sigpipe, SIGPIPE);
-    (void)pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
+    pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
 
     uloop_handle_sigchld = false;
     dnsproxy_reconnect_timer.cb = dnsproxy_reconnect_cb;
@@ -211,6 +210,6 @@ void *dnsproxy_ubus_init(void *)
 
 int dnsproxy_ubus_start()
 {
-    (void)pthread_create(&dnsproxy_data.ubusThread, nullptr, dnsproxy_ubus_init, nullptr);
+    pthread_create(&dnsproxy_data.ubusThread, nullptr, dnsproxy_ubus_init, nullptr);
     return 0;
 }

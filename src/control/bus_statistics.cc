@@ -18,7 +18,7 @@ int get(ubus_context *ctx, ubus_object *, ubus_request_data *request, const char
 {
     if (blob_buf_init(&reply_buf, 0) != 0 || !statistics_fill(&reply_buf))
         return UBUS_STATUS_UNKNOWN_ERROR;
-    (void)ubus_send_reply(ctx, request, reply_buf.head); // a caller that has gone misses nothing
+    ubus_send_reply(ctx, request, reply_buf.head); // a caller that has gone misses nothing
     return UBUS_STATUS_OK;
 }
 
@@ -29,8 +29,8 @@ ubus_object_type type = UBUS_OBJECT_TYPE("dnsproxy_statistics_type", methods);
 // The library still uses the context when it calls this; it is freed before the next one is made.
 void lost(ubus_context *ctx)
 {
-    (void)uloop_fd_delete(&ctx->sock);
-    (void)uloop_timeout_set(&again, again_ms);
+    uloop_fd_delete(&ctx->sock);
+    uloop_timeout_set(&again, again_ms);
 }
 
 void publish_again(uloop_timeout *)
@@ -56,14 +56,14 @@ void bus_statistics_publish()
     object.n_methods = ARRAY_SIZE(methods);
     type.id = 0; // what it is was told over another connection
     if (ubus_add_object(context, &object) == 0)
-        (void)uloop_fd_add(&context->sock, ULOOP_READ | ULOOP_BLOCKING);
+        uloop_fd_add(&context->sock, ULOOP_READ | ULOOP_BLOCKING);
     else
         bus_statistics_withdraw();
 }
 
 void bus_statistics_withdraw()
 {
-    (void)uloop_timeout_cancel(&again);
+    uloop_timeout_cancel(&again);
     if (context != nullptr)
         ubus_free(context);
     context = nullptr;

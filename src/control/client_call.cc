@@ -1,5 +1,5 @@
-// The client's side of the request pipe; what other programs link. It writes no log: a library does not
-// print, and its results say what went wrong.
+// The client's side of the request pipe, a library for other programs. It does not print: its results say
+// what failed.
 
 #include <dnsproxy/client.h>
 
@@ -29,7 +29,7 @@ constexpr int name_attempts = 16;
 int64_t now_ms()
 {
     timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
@@ -42,9 +42,9 @@ public:
         sigaddset(&sigpipe_, SIGPIPE);
         sigset_t pending;
         sigemptyset(&pending);
-        (void)sigpending(&pending);
+        sigpending(&pending);
         was_pending_ = sigismember(&pending, SIGPIPE) == 1;
-        (void)pthread_sigmask(SIG_BLOCK, &sigpipe_, &callers_);
+        pthread_sigmask(SIG_BLOCK, &sigpipe_, &callers_);
     }
     ~sigpipe_guard()
     {
@@ -53,7 +53,7 @@ public:
         // Takes the signal of our own write, never one that was waiting for the caller.
         while (!was_pending_ && sigtimedwait(&sigpipe_, nullptr, &at_once) < 0 && errno == EINTR) {
         }
-        (void)pthread_sigmask(SIG_SETMASK, &callers_, nullptr);
+        pthread_sigmask(SIG_SETMASK, &callers_, nullptr);
         errno = error;
     }
     sigpipe_guard(const sigpipe_guard &) = delete;
@@ -105,7 +105,7 @@ public:
             char name[sizeof name_];
             if (getrandom(&drawn, sizeof drawn, 0) != sizeof drawn)
                 return false;
-            (void)snprintf(name, sizeof name, "dnsp_%u", drawn);
+            snprintf(name, sizeof name, "dnsp_%u", drawn);
             if (qxcom_nmpipe_create_new(name, reply_capacity, reply_largest) >= 0) {
                 memcpy(name_, name, sizeof name_);
                 return true;

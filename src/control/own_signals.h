@@ -1,4 +1,4 @@
-// The bus's socket, and what has to be watched while the bus library connects to it.
+// The socket of the bus, and a guard for the process's signals around calls that connect to it.
 #ifndef CONTROL_OWN_SIGNALS_H
 #define CONTROL_OWN_SIGNALS_H
 
@@ -8,24 +8,24 @@
 
 constexpr char BUS_SOCKET[] = "/var/run/ubus.sock";
 
-// The bus library takes over SIGINT, SIGTERM and SIGCHLD while it connects, if they have their default
-// action, and then waits for the bus without a limit. Around such calls the first two get a handler that does
-// what the default does, which the library leaves alone; afterwards all three are as they were, so that one
-// SIGTERM ends the daemon at any time and children stay with whoever made them.
+// While it connects, the bus library takes over SIGINT, SIGTERM and SIGCHLD if they have their default
+// action, and waits for the bus without a limit. Around such calls SIGINT and SIGTERM get a handler with the
+// effect of the default action, which the library leaves alone. Afterwards all three are restored: one
+// SIGTERM ends the daemon at any time, and pclose() finds its own children.
 class own_signals {
 public:
     own_signals()
     {
         for (size_t i = 0; i < std::size(numbers); i++) {
-            (void)sigaction(numbers[i], nullptr, &before_[i]);
+            sigaction(numbers[i], nullptr, &before_[i]);
             if (numbers[i] != SIGCHLD && before_[i].sa_handler == SIG_DFL)
-                (void)signal(numbers[i], end_process);
+                signal(numbers[i], end_process);
         }
     }
     ~own_signals()
     {
         for (size_t i = 0; i < std::size(numbers); i++)
-            (void)sigaction(numbers[i], &before_[i], nullptr);
+            sigaction(numbers[i], &before_[i], nullptr);
     }
     own_signals(const own_signals &) = delete;
     own_signals &operator=(const own_signals &) = delete;
@@ -33,15 +33,14 @@ public:
 private:
     static void end_process(int number)
     {
-        // It ends with the first round, unless the library takes the default action for its own between the
-        // calls.
+        // The first round ends the process, unless the library takes the signal over between the two calls.
         sigset_t only;
         sigemptyset(&only);
         sigaddset(&only, number);
-        (void)pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+        pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
         for (;;) {
-            (void)signal(number, SIG_DFL);
-            (void)raise(number);
+            signal(number, SIG_DFL);
+            raise(number);
         }
     }
 

@@ -19,7 +19,7 @@ namespace {
 
 constexpr char op_name[] = "dnsproxy_public_read";
 
-// A field of a message as a string; what comes from outside may lack its NUL.
+// A field of a message as a string. A client may have left its NUL out.
 template <size_t N> struct bounded {
     char text[N + 1];
     explicit bounded(const char (&field)[N])
@@ -90,7 +90,7 @@ int create(request *r)
     if (status < 0)
         DNSPROXY_LOG(ERROR, op_name, status, "Fail to create a new dns server.");
     else
-        (void)dnsproxy_load_server_dev_state(); // the new device's link state
+        dnsproxy_load_server_dev_state(); // the new device's link state
     return changed(status);
 }
 

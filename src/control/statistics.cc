@@ -124,9 +124,9 @@ void add_line(writer *w, const line_copy &line)
     for (int slot = 0; slot < DNSPROXY_SERVER_SLOTS; slot++) {
         const in_addr address = {.s_addr = static_cast<uint32_t>(line.dnsServer[slot])};
         if (address.s_addr != 0)
-            (void)inet_ntop(AF_INET, &address, v4[slot], sizeof v4[slot]);
+            inet_ntop(AF_INET, &address, v4[slot], sizeof v4[slot]);
         if (!IN6_IS_ADDR_UNSPECIFIED(&line.dnsServer6[slot]))
-            (void)inet_ntop(AF_INET6, &line.dnsServer6[slot], v6[slot], sizeof v6[slot]);
+            inet_ntop(AF_INET6, &line.dnsServer6[slot], v6[slot], sizeof v6[slot]);
     }
     void *table = w->open(nullptr, false);
     w->text("dev", line.ifname);

@@ -1,4 +1,4 @@
-// What the process needs before its tables: the timer service and the request pipe.
+// The first steps of the start: the timer service and the request pipe.
 #ifndef CORE_DATA_INIT_H
 #define CORE_DATA_INIT_H
 

@@ -12,7 +12,7 @@ int descriptor_socket(int family, int type, int protocol)
     const int fd = socket(family, type | SOCK_CLOEXEC, protocol);
     if (fd < FD_SETSIZE)
         return fd;
-    (void)close(fd);
+    close(fd);
     errno = EMFILE;
     return -1;
 }
@@ -21,7 +21,7 @@ void descriptor_close(int32_t *fd)
 {
     if (*fd > 0) {
         ipcom_tmo2_forget(dnsproxy_data.tmo2Head, *fd);
-        (void)close(*fd);
+        close(*fd);
     }
     *fd = -1;
 }

@@ -24,7 +24,7 @@ struct dnsproxy_data {
     ipcom_list listenIfList; // dnsproxy_listen_if, in the order of the rules
     ipcom_hash *listenIfHash;
     // The main thread alone adds, removes and moves server interfaces, under the lock; the bus thread reads
-    // list and table under it. It is never held across a system call other than for memory.
+    // list and table under it. It is held across no system call but those for memory.
     pthread_mutex_t serverIfLock = PTHREAD_MUTEX_INITIALIZER;
     ipcom_list serverIfList; // dnsproxy_server_if, in the order in which they are tried
     ipcom_hash *serverIfHash;

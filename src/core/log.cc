@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr size_t piece_max = 4096; // what a pipe that polls writable takes whole
+constexpr size_t piece_max = 4096; // a pipe that polls writable takes this much whole
 constexpr size_t line_max = 2048;  // longer log lines are cut
 
 constexpr const char *level_names[] = {"Emergency", "Alert",       "Critical", "Error", "Warning",
@@ -54,7 +54,7 @@ void write_to_terminal(const char *text, size_t length)
     if (fd < 0)
         return;
     write_pieces(fd, false, text, length);
-    (void)close(fd);
+    close(fd);
 }
 
 } // namespace
@@ -94,7 +94,7 @@ dnsproxy_dump::dnsproxy_dump() : file_(open_memstream(&text_, &length_)) {}
 dnsproxy_dump::~dnsproxy_dump()
 {
     if (file_ != nullptr)
-        (void)fclose(file_);
+        fclose(file_);
     free(text_);
 }
 

@@ -20,13 +20,13 @@ namespace {
 
 constexpr char op[] = "dnsproxyd";
 
-// What the loop alone uses.
+// State of the loop alone.
 struct loop {
     dnsproxy_public_msg *publicMsgBuf; // one request, reused for every one
     int publicFd;
-    bool pipeServed; // by the pass before: what waits at the upstream sockets then comes first
-    fd_set reads;    // what a pass waits for, and the highest descriptor in it
-    int highest;
+    bool pipeServed; // by the last pass: replies that wait then come first
+    fd_set reads;    // the descriptors that a pass waits for
+    int highest;     // of them
 };
 
 int set_up(loop *l)
@@ -92,8 +92,8 @@ void serve_request_pipe(loop *l)
         DNSPROXY_LOG(NOTICE, op, status, "Fail to read public api msg.");
 }
 
-// One wait and what it brought: each ready descriptor is served once. What a pass leaves is found again by
-// the next wait.
+// One wait, after which each ready descriptor is served once, in this order. A pass may end early; the next
+// wait reports again what it left.
 void pass(loop *l)
 {
     refresh_reads(l);

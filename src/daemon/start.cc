@@ -37,11 +37,11 @@ int dnsproxy_start()
         }
     }
     // From here on nothing stops the start: a router without servers or rules still answers its controls.
-    (void)dnsproxy_load_servers();
+    dnsproxy_load_servers();
     dnsproxy_if_show();
-    (void)dnsproxy_load_server_dev_state();
-    (void)dnsproxy_ubus_start();
-    (void)dnsproxyd();
+    dnsproxy_load_server_dev_state();
+    dnsproxy_ubus_start();
+    dnsproxyd();
     DNSPROXY_RETURN(__func__, 0);
 }
 

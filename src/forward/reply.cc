@@ -12,15 +12,15 @@ namespace {
 
 constexpr char op[] = "dnsproxy_server_socket_read";
 
-// What became of a socket in the turn of its line.
+// The outcome for one socket in the turn of its line.
 enum class turn {
     not_ready,
     relayed, // or a later reply to a query that was answered
     dropped, // the reply, or the receive, was no good
 };
 
-// A reply is its sender's. One from elsewhere is put down to the server that the record names, if that is of
-// this line.
+// A reply counts for the server that sent it. One from another address counts for the server that the record
+// names, if that server is of this line.
 template <class Family, class Entry>
 void count_reply_of(dnsproxy_server_if *sif, const typename Family::sockaddr_type &sender, const Entry &entry)
 {
@@ -45,7 +45,7 @@ template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready,
     DNSPROXY_LOG(DEBUG, op, 0, reply_msg_reply<Family>, sif->ifname);
     uint8_t message[DNSPROXY_MESSAGE_SIZE];
     memset(message, 0, DNSPROXY_HEADER_SIZE); // a short reply has no flags
-    // Whoever sent it: a reply is matched by its identifier alone.
+    // A reply is matched by its identifier alone; its sender is only counted.
     typename Family::sockaddr_type sender = {};
     socklen_t sender_length = sizeof sender;
     const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT,
@@ -89,7 +89,7 @@ int dnsproxy_server_socket_read(const fd_set *ready, int *count)
          sif = ipcom_next(sif)) {
         // A reply that is dropped ends the line's turn: its IPv6 socket is served in the next pass.
         if (serve<reply_v4>(sif, ready, count) != turn::dropped)
-            (void)serve<reply_v6>(sif, ready, count);
+            serve<reply_v6>(sif, ready, count);
     }
     DNSPROXY_RETURN(op, 0);
 }

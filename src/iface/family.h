@@ -1,6 +1,6 @@
-// What differs between IPv4 and IPv6, so that every operation is written once: a template over Family, with
-// the named operations ("_v6" on the IPv6 twin) as its thin entry points. Here stands what several files
-// need; each file with such operations has the rest in a header of its own, X_families.h.
+// The differences between IPv4 and IPv6. Every operation is written once, as a template over Family; the
+// named operations ("_v6" on the IPv6 twin) are its thin entry points. This header holds the differences that
+// several files need. A file X.cc with such operations has the others in X_families.h.
 #ifndef IFACE_FAMILY_H
 #define IFACE_FAMILY_H
 

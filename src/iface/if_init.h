@@ -2,8 +2,8 @@
 #ifndef IFACE_IF_INIT_H
 #define IFACE_IF_INIT_H
 
-// Makes the lists and tables of the listen and the server interfaces; 0 or DNSPROXY_ERESOURCE, then what was
-// made before stays.
+// Makes the lists and tables of the listen and the server interfaces. 0, or DNSPROXY_ERESOURCE: a table that
+// was made before the failure stays.
 [[nodiscard]] int dnsproxy_if_init();
 
 // Deletes both tables, where they are there. Records are not freed.

@@ -8,38 +8,27 @@
 #include "core/status.h"
 #include "iface/ifname.h"
 
-static uint32_t hash_of_record(const void *record)
+namespace {
+
+uint32_t hash_of_record(const void *record)
 {
     return ifname_hash(static_cast<const dnsproxy_listen_if *>(record)->ifname_receive);
 }
 
 // Prints a line whatever the log threshold: that line is part of the daemon's output.
-static int dnsproxy_listen_if_hash_cmp(const void *record, const void *key)
+int dnsproxy_listen_if_hash_cmp(const void *record, const void *key)
 {
     const auto *lif = static_cast<const dnsproxy_listen_if *>(record);
     const auto *ifname = static_cast<const char *>(key);
     dnsproxy_dump line;
     if (line.file() != nullptr)
-        (void)fprintf(line.file(), "%s,%d\n", __func__, __LINE__);
+        fprintf(line.file(), "%s,%d\n", __func__, __LINE__);
     line.write();
     DNSPROXY_LOG(TRACE, __func__, 0, "pIf->ifname_receive:%s,ifname:%s", lif->ifname_receive, ifname);
     return ifname_equal(lif->ifname_receive, ifname) ? 1 : 0;
 }
 
-int listen_if_table_init()
-{
-    dnsproxy_data.listenIfHash = ipcom_hash_new(hash_of_record, ifname_hash, dnsproxy_listen_if_hash_cmp);
-    return dnsproxy_data.listenIfHash == nullptr ? DNSPROXY_ERESOURCE : 0;
-}
-
-void listen_if_table_deinit()
-{
-    if (dnsproxy_data.listenIfHash != nullptr)
-        ipcom_hash_delete(dnsproxy_data.listenIfHash);
-    dnsproxy_data.listenIfHash = nullptr;
-}
-
-static void set_forcing(dnsproxy_listen_if *lif, int specify, const char *out_ifname)
+void set_forcing(dnsproxy_listen_if *lif, int specify, const char *out_ifname)
 {
     lif->specify = 0;
     if (specify != 0 && out_ifname != nullptr) {
@@ -48,7 +37,7 @@ static void set_forcing(dnsproxy_listen_if *lif, int specify, const char *out_if
     }
 }
 
-static int add(const char *op, const char *ifname, int specify, const char *out_ifname, unsigned int polling)
+int add(const char *op, const char *ifname, int specify, const char *out_ifname, unsigned int polling)
 {
     if (!ifname_fits(ifname) || (out_ifname != nullptr && !ifname_fits(out_ifname))) {
         DNSPROXY_LOG(ERROR, op, DNSPROXY_EINVALID, "The interface name is too long(ifname:%s).", ifname);
@@ -73,6 +62,21 @@ static int add(const char *op, const char *ifname, int specify, const char *out_
     }
     ipcom_list_insert_last(&dnsproxy_data.listenIfList, &lif->link);
     DNSPROXY_RETURN(op, 0);
+}
+
+} // namespace
+
+int listen_if_table_init()
+{
+    dnsproxy_data.listenIfHash = ipcom_hash_new(hash_of_record, ifname_hash, dnsproxy_listen_if_hash_cmp);
+    return dnsproxy_data.listenIfHash == nullptr ? DNSPROXY_ERESOURCE : 0;
+}
+
+void listen_if_table_deinit()
+{
+    if (dnsproxy_data.listenIfHash != nullptr)
+        ipcom_hash_delete(dnsproxy_data.listenIfHash);
+    dnsproxy_data.listenIfHash = nullptr;
 }
 
 int dnsproxy_listen_if_new(const char *ifname, int specify, const char *out_ifname, unsigned int polling)
@@ -124,7 +128,7 @@ int dnsproxy_listen_if_destroy(const char *ifname)
         DNSPROXY_LOG(ERROR, __func__, DNSPROXY_ENOTFOUND, "Can not find the if(ifname:%s).", ifname);
         DNSPROXY_RETURN(__func__, DNSPROXY_ENOTFOUND);
     }
-    (void)ipcom_hash_remove(dnsproxy_data.listenIfHash, lif);
+    ipcom_hash_remove(dnsproxy_data.listenIfHash, lif);
     ipcom_list_remove(&lif->link);
     free(lif);
     DNSPROXY_RETURN(__func__, 0);

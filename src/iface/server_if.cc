@@ -46,7 +46,7 @@ void remove_record(dnsproxy_server_if *sif)
     upstream_socket_close(&sif->serverFd6, &sif->serverTmo6);
     {
         const mutex_guard lock(&dnsproxy_data.serverIfLock);
-        (void)ipcom_hash_remove(dnsproxy_data.serverIfHash, sif);
+        ipcom_hash_remove(dnsproxy_data.serverIfHash, sif);
         ipcom_list_remove(&sif->link);
     }
     free(sif);

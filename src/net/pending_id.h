@@ -1,6 +1,6 @@
-// Which new identifiers still wait for their first reply. The map is indexed by a hash: identifiers share
-// bits (the closest such pair is 287 apart), so it is exact only while fewer queries wait. Identifiers are
-// in host order. Main thread only.
+// Marks the new identifiers that still wait for their first reply. The map is indexed by a hash: identifiers
+// share bits, and the closest such pair is 287 apart, so it is exact only while fewer queries wait.
+// Identifiers are in host order. Main thread only.
 #ifndef NET_PENDING_ID_H
 #define NET_PENDING_ID_H
 

@@ -2,9 +2,8 @@
 // device, opened when a query needs it and closed when none has used it for the device's sockTimeout. Main
 // thread only.
 //
-// No socket waits in a send or receive: the loop reads what select reported, but a report can be out of date
-// (a descriptor closed and opened again since), and a device whose queue nobody empties must not hold
-// up the others.
+// No socket waits in a send or receive. A report of the wait can be out of date when a descriptor was closed
+// and opened again since, and a device with a full queue must not hold up the others.
 #ifndef NET_PROXY_SOCKET_H
 #define NET_PROXY_SOCKET_H
 

@@ -102,7 +102,7 @@ int make_room(bucket *b)
     if (getrandom(&drawn, sizeof drawn, GRND_NONBLOCK) != sizeof drawn) {
         // Before the kernel has gathered randomness: better than a constant.
         timespec now = {};
-        (void)clock_gettime(CLOCK_REALTIME, &now);
+        clock_gettime(CLOCK_REALTIME, &now);
         drawn = static_cast<uint32_t>(now.tv_nsec) ^ static_cast<uint32_t>(getpid()) << 16;
     }
     return drawn | 1; // 0 means not drawn yet
@@ -129,15 +129,19 @@ struct ipcom_hash {
     uint32_t size; // number of buckets, which follow the table
 };
 
-static bucket *all_buckets(ipcom_hash *table)
+namespace {
+
+bucket *all_buckets(ipcom_hash *table)
 {
     return reinterpret_cast<bucket *>(table + 1);
 }
 
-static bucket *bucket_of(ipcom_hash *table, uint32_t hash)
+bucket *bucket_of(ipcom_hash *table, uint32_t hash)
 {
     return &all_buckets(table)[hash % table->size];
 }
+
+} // namespace
 
 ipcom_hash *ipcom_hash_new(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, ipcom_hash_cmp_fn cmp)
 {
@@ -218,15 +222,15 @@ int ipcom_hash_remove(ipcom_hash *table, void *record)
     // Memory that a flood took goes back: a large bucket shrinks when three quarters of it are empty. A
     // failure to get the smaller block only keeps the larger one.
     if (b->capacity > 2 * smallest_capacity && count_of(b) < b->capacity / 4)
-        (void)resize(b, b->capacity / 8 * 4);
+        resize(b, b->capacity / 8 * 4);
     return 0;
 }
 
 void ipcom_hash_for_each(ipcom_hash *table, ipcom_hash_each_fn each, void *data)
 {
     for (uint32_t slot = 0; slot < table->size; slot++) {
-        // From the end, counting what is left and looking at the bucket anew each time: a removal by the
-        // callback moves only what was visited already, and may give the bucket another block.
+        // From the end, and reading the bucket anew each time: a removal by the callback moves only records
+        // that were visited, but may give the bucket another block.
         bucket *b = &all_buckets(table)[slot];
         uint32_t left = count_of(b);
         while (left > 0) {

@@ -28,10 +28,9 @@ ipcom_hash *ipcom_hash_new_fixed(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, i
 // keyed with a secret that the process draws with its first table, so that nobody outside can aim many keys
 // at one bucket; the same bytes give the same value from then on, for the life of the process only.
 //
-// A field of two bytes, a port or an identifier, is added to the mixed value of what came before instead of
-// being mixed itself: consecutive identifiers fall into neighbouring buckets, and queries that come and go
-// one after the other touch memory in order, which halves the cost of the tables under load. Where the row
-// begins stays secret.
+// A field of two bytes (a port or an identifier) is added to the mixed value of the fields before it, not
+// mixed itself. Consecutive identifiers then fall into neighbouring buckets, and queries that come and go in
+// order touch memory in order: that halves the cost of the tables under load. The first bucket stays secret.
 [[gnu::nonnull]] uint32_t ipcom_hash_update(const void *bytes, uint32_t length, uint32_t initial);
 
 // 0, or -1 when there was no memory to grow a bucket; then the table is as before.

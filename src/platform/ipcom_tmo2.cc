@@ -14,12 +14,13 @@ constexpr int64_t ns_per_s = 1'000'000'000;
 constexpr int64_t longest_ms = int64_t{1} << 42; // 139 years; keeps every sum in range
 constexpr int64_t lateness_divisor = 32;
 constexpr int64_t lateness_max = 100 * ns_per_ms;
+constexpr int64_t alarm_slack = 75 * ns_per_ms;
 constexpr int64_t never = INT64_MAX;
 
 int64_t monotonic_clock()
 {
     timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{now.tv_sec} * ns_per_s + now.tv_nsec;
 }
 
@@ -36,7 +37,8 @@ struct ipcom_tmo2_queue {
 };
 
 // The alarm wakes a wait for the timers. Setting it is a system call, so it is moved only when it would go
-// off too late. By the time it goes off, traffic has mostly run what was due.
+// off too late, or too early by the slack: a wake-up for nothing costs more than the call. Traffic runs the
+// timers that are due, so under traffic the alarm is moved about every 75 ms and never goes off.
 struct ipcom_tmo2_head {
     ipcom_tmo2_queue *queues;
     int64_t now;      // when the last wait ended, if a timer was armed then
@@ -44,12 +46,14 @@ struct ipcom_tmo2_head {
     read_waiter waiter;
 };
 
-static bool is_empty(const ipcom_tmo2_queue *queue)
+namespace {
+
+bool is_empty(const ipcom_tmo2_queue *queue)
 {
     return queue->ends.next == &queue->ends;
 }
 
-static ipcom_tmo2_queue *queue_of(ipcom_tmo2_head *head, int64_t length)
+ipcom_tmo2_queue *queue_of(ipcom_tmo2_head *head, int64_t length)
 {
     for (ipcom_tmo2_queue *queue = head->queues; queue != nullptr; queue = queue->next) {
         if (queue->length == length)
@@ -67,7 +71,7 @@ static ipcom_tmo2_queue *queue_of(ipcom_tmo2_head *head, int64_t length)
 }
 
 // The timer that falls due first, or nullptr.
-static ipcom_tmo2 *earliest(const ipcom_tmo2_head *head)
+ipcom_tmo2 *earliest(const ipcom_tmo2_head *head)
 {
     ipcom_tmo2 *first = nullptr;
     for (const ipcom_tmo2_queue *queue = head->queues; queue != nullptr; queue = queue->next) {
@@ -77,16 +81,12 @@ static ipcom_tmo2 *earliest(const ipcom_tmo2_head *head)
     return first;
 }
 
-namespace {
-
 struct schedule {
     int64_t due;  // when the first timer falls due
     int64_t wake; // the latest time at which some timer must have been served: deadline plus lateness
 };
 
-} // namespace
-
-static schedule schedule_of(const ipcom_tmo2_head *head)
+schedule schedule_of(const ipcom_tmo2_head *head)
 {
     schedule s = {.due = never, .wake = never};
     for (const ipcom_tmo2_queue *queue = head->queues; queue != nullptr; queue = queue->next) {
@@ -100,7 +100,7 @@ static schedule schedule_of(const ipcom_tmo2_head *head)
 }
 
 // A timer that a callback requests has a deadline after `now` and waits.
-static void run_due(ipcom_tmo2_head *head, int64_t now)
+void run_due(ipcom_tmo2_head *head, int64_t now)
 {
     for (;;) {
         ipcom_tmo2 *tmo = earliest(head);
@@ -110,6 +110,27 @@ static void run_due(ipcom_tmo2_head *head, int64_t now)
         tmo->callback(tmo->arg);
     }
 }
+
+// Sets the alarm so that a wait ends in time for the timers; false: there is no time left to wait.
+bool may_wait(ipcom_tmo2_head *head, const schedule &s)
+{
+    if (s.wake == never || (head->alarm_at <= s.wake && s.wake - head->alarm_at < alarm_slack))
+        return true;
+    const int64_t left = s.wake - ipcom_tmo2_clock();
+    if (left <= 0)
+        return false;
+    read_waiter_set_alarm(&head->waiter, left);
+    head->alarm_at = s.wake;
+    return true;
+}
+
+int milliseconds_of(const timeval &limit)
+{
+    constexpr time_t longest_s = 1'000'000;
+    return static_cast<int>(std::min(limit.tv_sec, longest_s) * 1000 + (limit.tv_usec + 999) / 1000);
+}
+
+} // namespace
 
 ipcom_tmo2_head *ipcom_tmo2_new()
 {
@@ -162,25 +183,6 @@ void ipcom_tmo2_cancel(ipcom_tmo2 *tmo)
     tmo->prev->next = tmo->next;
     tmo->next->prev = tmo->prev;
     tmo->queue = nullptr;
-}
-
-// Sees to it that a wait ends in time for the timers; false: it must not wait at all.
-static bool may_wait(ipcom_tmo2_head *head, const schedule &s)
-{
-    if (s.wake == never || head->alarm_at <= s.wake)
-        return true;
-    const int64_t left = s.wake - ipcom_tmo2_clock();
-    if (left <= 0)
-        return false;
-    read_waiter_set_alarm(&head->waiter, left);
-    head->alarm_at = s.wake;
-    return true;
-}
-
-static int milliseconds_of(const timeval &limit)
-{
-    constexpr time_t longest_s = 1'000'000;
-    return static_cast<int>(std::min(limit.tv_sec, longest_s) * 1000 + (limit.tv_usec + 999) / 1000);
 }
 
 int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, const fd_set *writes,

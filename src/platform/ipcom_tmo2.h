@@ -2,7 +2,7 @@
 //
 // Callbacks run inside ipcom_tmo2_select only, on the thread that calls it. A timer is disarmed before its
 // callback runs and is not looked at afterwards: the callback may free the record that holds the timer, and
-// may request and cancel any other timer. What a callback requests never runs in the same call.
+// may request and cancel any other timer. A timer that a callback requests never runs in the same call.
 //
 // Waits have very few distinct lengths, so there is one queue per length, in which deadlines are in order
 // by themselves: request, cancel and expiry cost the same with a million timers armed.
@@ -32,7 +32,7 @@ struct ipcom_tmo2 {
     int64_t deadline; // nanoseconds of the service's clock
 };
 
-// nullptr without memory.
+// nullptr without memory or descriptors.
 ipcom_tmo2_head *ipcom_tmo2_new();
 
 // Frees the service (nullptr: nothing). Timers that are still armed must not be touched any more.

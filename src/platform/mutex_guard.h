@@ -6,8 +6,8 @@
 
 class mutex_guard {
 public:
-    explicit mutex_guard(pthread_mutex_t *mutex) : mutex_(mutex) { (void)pthread_mutex_lock(mutex_); }
-    ~mutex_guard() { (void)pthread_mutex_unlock(mutex_); }
+    explicit mutex_guard(pthread_mutex_t *mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
+    ~mutex_guard() { pthread_mutex_unlock(mutex_); }
     mutex_guard(const mutex_guard &) = delete;
     mutex_guard &operator=(const mutex_guard &) = delete;
 

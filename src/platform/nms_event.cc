@@ -41,9 +41,9 @@ void log_event(int32_t code, const char *text)
     if (fd < 0)
         return;
     if (length > 0)
-        (void)sendto(fd, line, std::min(static_cast<size_t>(length), sizeof line - 1),
-                     MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&log), sizeof log);
-    (void)close(fd);
+        sendto(fd, line, std::min(static_cast<size_t>(length), sizeof line - 1), MSG_DONTWAIT | MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr *>(&log), sizeof log);
+    close(fd);
 }
 
 } // namespace

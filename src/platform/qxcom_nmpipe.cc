@@ -36,7 +36,7 @@ public:
     {
         if (fd_ >= 0) {
             const int error = errno;
-            (void)close(fd_);
+            close(fd_);
             errno = error;
         }
     }
@@ -163,7 +163,7 @@ int take(int folder_fd, const char *name, int capacity)
         return -1;
     // A message takes a slot, which is a page, however short it is. Refused above the limit for unprivileged
     // users; the pipe then keeps its default size.
-    (void)fcntl(fd.get(), F_SETPIPE_SZ, capacity * sysconf(_SC_PAGESIZE));
+    fcntl(fd.get(), F_SETPIPE_SZ, capacity * sysconf(_SC_PAGESIZE));
     auto *entry = static_cast<held_pipe *>(calloc(1, sizeof(held_pipe)));
     if (entry == nullptr)
         return -1;
@@ -188,7 +188,7 @@ int create(const char *name, int capacity, int largest, existing fifo)
     const int status = take(folder_fd.get(), name, capacity);
     if (status < 0 && made) {
         const int error = errno;
-        (void)unlinkat(folder_fd.get(), name, 0);
+        unlinkat(folder_fd.get(), name, 0);
         errno = error;
     }
     return status;
@@ -206,9 +206,8 @@ int qxcom_nmpipe_create_new(const char *name, int capacity, int largest)
     return create(name, capacity, largest, existing::refused);
 }
 
-int qxcom_nmpipe_open(const char *name, int mode, int flags)
+int qxcom_nmpipe_open(const char *name, int mode, int)
 {
-    (void)flags;
     if (!is_name(name) || mode < NMPIPE_READ || mode > NMPIPE_READWRITE) {
         errno = EINVAL;
         return -1;
@@ -259,7 +258,7 @@ ptrdiff_t qxcom_nmpipe_write(int fd, const void *buffer, size_t length)
 void qxcom_nmpipe_close(int fd)
 {
     if (fd >= 0)
-        (void)close(fd);
+        close(fd);
 }
 
 void qxcom_nmpipe_delete(const char *name)
@@ -268,9 +267,9 @@ void qxcom_nmpipe_delete(const char *name)
         return;
     // By its path: a process without descriptors must still be able to remove what it made.
     char path[sizeof folder + 1 + name_max];
-    (void)snprintf(path, sizeof path, "%s/%s", folder, name);
+    snprintf(path, sizeof path, "%s/%s", folder, name);
     const int mine = let_go(name);
     const descriptor fd(mine >= 0 ? mine : lock_fifo(AT_FDCWD, path));
     if (fd.get() >= 0 && is_named(fd.get(), AT_FDCWD, path))
-        (void)unlink(path);
+        unlink(path);
 }

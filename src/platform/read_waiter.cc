@@ -18,7 +18,7 @@ int add(const read_waiter *w, int fd, uint32_t what)
     return epoll_ctl(w->epoll, EPOLL_CTL_ADD, fd, &event);
 }
 
-// Brings what the kernel watches in line with the set; false: not all of it.
+// Makes the kernel watch exactly this set; false: it refused a descriptor.
 [[gnu::cold, gnu::noinline]] bool update(read_waiter *w, int nfds, const fd_set *reads)
 {
     bool all = true;
@@ -43,7 +43,7 @@ int read_waiter_open(read_waiter *w)
     FD_ZERO(&w->watched);
     w->epoll = epoll_create1(EPOLL_CLOEXEC);
     w->alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    // The edge is enough: nobody reads how often the alarm went off.
+    // Edge-triggered, because the expiry count is never read.
     if (w->epoll >= 0 && w->alarm >= 0 && add(w, w->alarm, EPOLLIN | EPOLLET) == 0)
         return 0;
     read_waiter_close(w);
@@ -54,7 +54,7 @@ void read_waiter_close(read_waiter *w)
 {
     for (const int fd : {w->epoll, w->alarm}) {
         if (fd >= 0)
-            (void)close(fd);
+            close(fd);
     }
 }
 
@@ -63,7 +63,7 @@ void read_waiter_set_alarm(read_waiter *w, int64_t nanoseconds)
     itimerspec when = {};
     when.it_value = {.tv_sec = static_cast<time_t>(nanoseconds / ns_per_s),
                      .tv_nsec = static_cast<long>(nanoseconds % ns_per_s)};
-    (void)timerfd_settime(w->alarm, 0, &when, nullptr);
+    timerfd_settime(w->alarm, 0, &when, nullptr);
 }
 
 int read_waiter_wait(read_waiter *w, int nfds, fd_set *reads, int limit_ms, bool *alarmed)
@@ -92,5 +92,5 @@ void read_waiter_forget(read_waiter *w, int fd)
     if (!FD_ISSET(fd, &w->watched))
         return;
     FD_CLR(fd, &w->watched);
-    (void)epoll_ctl(w->epoll, EPOLL_CTL_DEL, fd, nullptr);
+    epoll_ctl(w->epoll, EPOLL_CTL_DEL, fd, nullptr);
 }

@@ -11,7 +11,7 @@
 struct read_waiter {
     int epoll;
     int alarm;
-    fd_set watched; // what the kernel has of the sets of the callers
+    fd_set watched; // descriptors that the kernel watches for the callers
     epoll_event events[FD_SETSIZE + 1];
 };
 

@@ -6,8 +6,8 @@
 
 #include "core/log.h"
 #include "tests/fuzz/fuzz.h"
-#include "tests/fuzz/life.h"
-#include "tests/fuzz/model.h"
+#include "tests/model/life.h"
+#include "tests/model/model.h"
 
 namespace {
 
@@ -66,7 +66,11 @@ void change_servers(fuzz_reader *in, unsigned number)
     m.dns6.sin6_addr.s6_addr[15] = static_cast<uint8_t>(servers >> 4 & 3);
     m.dns6_2.sin6_addr.s6_addr[15] = static_cast<uint8_t>(servers >> 6);
     std::string bytes(reinterpret_cast<const char *>(&m), sizeof m);
-    bytes.resize((how & 128) != 0 ? byte(in) : sizeof m);
+    if ((how & 128) != 0) { // any bytes, of any length
+        const fuzz_bytes given = in->take(byte(in));
+        bytes = {given.begin(), given.end()};
+        bytes.resize(in->take_value<uint8_t>() == 0 ? sizeof m : bytes.size());
+    }
     request(bytes);
 }
 
@@ -97,7 +101,8 @@ void fault(fuzz_reader *in, unsigned number)
     if (number < 4)
         sys.allocations_left = static_cast<int>(bits % 16);
     else
-        sys.faults = {(bits & 1) != 0, (bits & 2) != 0, (bits & 4) != 0, (bits & 8) != 0};
+        sys.faults = {(bits & 1) != 0, (bits & 2) != 0,  (bits & 4) != 0,
+                      (bits & 8) != 0, (bits & 16) != 0, (bits & 32) != 0};
 }
 
 // Whether the next event belongs to the same pass.

@@ -13,7 +13,7 @@
 #include <span>
 #include <unistd.h>
 
-#include "tests/support/sandbox.h"
+#include "tests/model/sandbox.h"
 
 // A law that must hold; in every build.
 #define FUZZ_CHECK(condition)                                                                                \

@@ -10,7 +10,7 @@
 #include "iface/listen_if.h"
 #include "iface/server_if.h"
 #include "tests/fuzz/fuzz.h"
-#include "tests/support/fake_clock.h"
+#include "tests/model/fake_clock.h"
 
 class fuzz_tables {
 public:

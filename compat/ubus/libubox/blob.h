@@ -16,8 +16,8 @@ struct blob_attr {
     uint32_t id_len; // network byte order; the content follows
 };
 
-// Zero bytes are an empty buffer. Whatever adds to it may move the memory: pointers into it, head among them,
-// are good until the next call.
+// Zero bytes are an empty buffer. Every addition may move the memory: pointers into it, head included, are
+// valid until the next call.
 struct blob_buf {
     struct blob_attr *head;                         // the message; while a nested one is open, that one
     bool (*grow)(struct blob_buf *buf, int minlen); // makes room for so many bytes more
@@ -25,8 +25,8 @@ struct blob_buf {
     void *buf;
 };
 
-// Starts an empty message, in the memory of the one before. 0, or -ENOMEM, after which nothing may be added:
-// that ends the process.
+// Starts an empty message in the memory of the previous one. 0, or -ENOMEM; adding to the buffer then ends
+// the process.
 int blob_buf_init(struct blob_buf *buf, int id);
 void blob_buf_free(struct blob_buf *buf);
 

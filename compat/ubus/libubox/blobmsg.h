@@ -28,8 +28,8 @@ struct blobmsg_policy {
     enum blobmsg_type type; // BLOBMSG_TYPE_UNSPEC takes any
 };
 
-// Append to the message, or to the nested one that is open. A name may be null, which is the empty one. 0, or
-// -1 without memory or room: a message holds 16 MiB.
+// Append to the message, or to its open nested one. A null name is the empty name. 0, or -1 without memory or
+// room: a message holds 16 MiB.
 int blobmsg_add_field(struct blob_buf *buf, int type, const char *name, const void *data, unsigned int len);
 int blobmsg_add_string(struct blob_buf *buf, const char *name, const char *string);
 int blobmsg_add_u8(struct blob_buf *buf, const char *name, uint8_t value);
@@ -37,13 +37,13 @@ int blobmsg_add_u16(struct blob_buf *buf, const char *name, uint16_t value);
 int blobmsg_add_u32(struct blob_buf *buf, const char *name, uint32_t value);
 int blobmsg_add_u64(struct blob_buf *buf, const char *name, uint64_t value);
 
-// Opens a table, or an array; what is added then goes inside, until blob_nest_end gets the cookie. Null
+// Opens a table or an array. What is added next becomes part of it, until blob_nest_end gets the cookie. Null
 // without memory.
 void *blobmsg_open_nested(struct blob_buf *buf, const char *name, bool array);
 
-// Finds the first attribute of each entry's name and type; tb[i] is null where there is none. An attribute
-// whose form is wrong ends the search with -1, and what was found before it stays; one that is cut off ends
-// it with 0. Nested attributes are not looked at. -EINVAL without any bytes.
+// Finds the first attribute of each entry's name and type; tb[i] is null where there is none. An attribute of
+// a wrong form ends the search with -1 and keeps what was found before it; one that is cut off ends it with
+// 0. Nested attributes are not searched. -EINVAL without any bytes.
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb, void *data,
                   unsigned int len);
 
