@@ -186,7 +186,7 @@ return view.extend({
 				isWritable() ? E('th', { 'class': 'th cbi-section-actions' }) : ''
 			])
 		]);
-		this.noLines = E('p', { 'class': 'hidden' }, [ E('em', {}, [ _('There are no lines.') ]) ]);
+		this.noLines = E('p', { 'class': 'hidden' }, [ E('em') ]);
 
 		if (data != null)
 			this.update(data);
@@ -238,6 +238,7 @@ return view.extend({
 		this.updateNumbers(data);
 		setShown(this.notCounted, data.running && !data.hasStatistics);
 		setShown(this.noLines, data.lines.length == 0);
+		setText(this.noLines.firstChild, data.running ? _('There are no lines.') : _('The lines are not known.'));
 
 		data.lines.forEach(L.bind(function(line) {
 			devices[line.device] = true;
@@ -275,7 +276,7 @@ return view.extend({
 		let texts;
 
 		if (isServing)
-			texts = [ data.uptime != null ? _('DNS is served, for %t now.').format(data.uptime) : _('DNS is served.') ];
+			texts = [ data.uptime != null ? _('DNS is served. Uptime: %t.').format(data.uptime) : _('DNS is served.') ];
 		else if (data.findings.length > 0)
 			texts = data.findings.map(function(f) { return '%s. → %s'.format(f.finding, f.remedy); });
 		else if (!data.running)
