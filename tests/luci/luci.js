@@ -4,7 +4,6 @@ const [fs, path] = [require('fs'), require('path')];
 const { JSDOM } = require('jsdom');
 const RESOURCES = path.join(__dirname, '../../packaging/openwrt/luci-app-dnsproxyd/htdocs/luci-static/resources');
 exports.record = (name) => JSON.parse(fs.readFileSync(path.join(__dirname, '../data/luci', name + '.json')));
-
 const nameOf = (call) => call.method == 'exec' ? call.params.params[0] : (call.params.config || call.object) + '.' + call.method;
 
 // As much of LuCI's as the views use: %s, %d, %t, %%, %.Nf.

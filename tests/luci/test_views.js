@@ -14,10 +14,10 @@ const opened = async (name, change = () => {}, isWritable = true) => {
 };
 
 test('status shows the lines as the router tells them', async () => {
-	const luci = await opened('status');
-	assert.match(banner(luci), /success/);
+	const luci = await opened('status', (answers) =>
+		answers['dnsproxy.statistics.get'].result[1].lines.reverse()[2].ipv4.servers[0].sent *= 2);
 	assert.deepStrictEqual(cells(luci).map((row) => [row[0], row[1], row[4]]), [
-		['wan1|wan1', 'on', '10.0.1.53: 100 %, 0.3 ms|10.0.1.54: 100 %, 0.3 ms|fd00:a:1::53: –, –'],
+		['wan1|wan1', 'on', '10.0.1.53: 50 %, 0.3 ms|10.0.1.54: 100 %, 0.3 ms|fd00:a:1::53: –, –'],
 		['wan2|wan2', 'off|set by hand', '10.0.2.53: 100 %, 0.1 ms'],
 		['wan3|wan3', 'on', '10.0.3.53: 100 %, 0.2 ms|10.0.3.54: 100 %, 0.2 ms']
 	]);
@@ -122,8 +122,9 @@ test('a rule is warned of', async () => {
 		[{}, null, ''], [{ service_if: 'lan' }, null, 'The rule "lan" serves the same device'],
 		[{ service_if: 'attic' }, null, 'no network "attic"'], [{ out_if: 'wan9' }, null, 'no line "wan9"'],
 		[{ out_if: 'lan' }, null, 'no line on "lan" at present'], [{}, { zone }, 'The firewall refuses'],
-		[{}, { zone, rule }, ''], [{}, { zone, rule: { ...rule, proto: 'tcp' } }, 'The firewall refuses'],
-		[{}, { zone, rule: { ...rule, dest_port: '50-53' } }, ''], [{}, { zone: { ...zone, input: 'ACCEPT' } }, '']
+		[{}, { zone, rule: { ...rule, dest_port: '50-53' } }, ''], [{}, { zone, rule: { ...rule, proto: 'tcp' } }, 'The firewall'],
+		[{}, { zone, rule: { ...rule, dest_port: '50-52' } }, 'The firewall'], [{}, { zone: { ...zone, input: 'ACCEPT' } }, ''],
+		[{}, { zone, rule: { ...rule, src: 'lan' } }, 'The firewall refuses']
 	]) {
 		const luci = await opened('rules', (answers) => {
 			Object.assign(answers['dns.get'].result[1].values.guest, change);

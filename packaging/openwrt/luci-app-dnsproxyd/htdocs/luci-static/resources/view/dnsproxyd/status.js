@@ -319,7 +319,11 @@ return view.extend({
 		const at = now();
 		let rate = null;
 
-		if (line.sent != null && known.sent != null && line.sent >= known.sent && at > known.at)
+		/* A mark refreshes the page out of turn; a rate over a moment is chance. */
+		if (at - known.at < 1000)
+			return known.points;
+
+		if (line.sent != null && known.sent != null && line.sent >= known.sent)
 			rate = (line.sent - known.sent) * 1000 / (at - known.at);
 
 		known.sent = line.sent;
