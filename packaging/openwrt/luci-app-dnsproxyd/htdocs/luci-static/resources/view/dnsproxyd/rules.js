@@ -179,7 +179,7 @@ return view.extend({
 		this.addNetworks(network);
 		network.rmempty = false;
 		network.validate = function(section_id, value) {
-			return /^[A-Za-z0-9._@:-]{1,34}$/.test(value) || _('The name of a network');
+			return (/^[A-Za-z0-9._@:-]{1,34}$/).test(value) || _('The name of a network');
 		};
 		network.textvalue = function(section_id) { return textNode(ruleOf(section_id).network || '–'); };
 
