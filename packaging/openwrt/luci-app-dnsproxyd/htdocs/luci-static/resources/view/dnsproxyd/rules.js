@@ -24,6 +24,10 @@ function textNode(text) {
 	return E('span', {}, [ text ]);
 }
 
+function isWritable() {
+	return L.hasViewPermission() === true;
+}
+
 function modeOf(section_id) {
 	if (uci.get('dns', section_id, 'force_if') == 'on')
 		return 'forced';
@@ -79,6 +83,10 @@ function isPort53Open(network) {
 }
 
 return view.extend({
+	addFooter: function() {
+		return isWritable() ? this.super('addFooter', []) : E([]);
+	},
+
 	load: function() {
 		return Promise.all([
 			getInterfaces(),
@@ -151,25 +159,27 @@ return view.extend({
 		const page = this;
 		const section = map.section(form.GridSection, 'rule', _('Rules'),
 			_('A network without a rule gets no answer. The order counts where two rules are for one device.'));
-		let option;
 
-		section.addremove = true;
+		section.addremove = isWritable();
 		section.anonymous = true;
-		section.sortable = true;
+		section.sortable = isWritable();
 		section.nodescriptions = true;
+		if (!isWritable())
+			section.renderRowActions = function() { return E([]); };
+
 		section.addbtntitle = _('Add a rule');
 		section.modaltitle = function() { return [ _('Rule') ]; };
 
-		option = section.option(form.Value, 'name', _('Name'));
-		option.placeholder = _('guest');
-		option.textvalue = function(section_id) { return textNode(ruleOf(section_id).name || '–'); };
+		const name = section.option(form.Value, 'name', _('Name'));
+		name.placeholder = _('guest');
+		name.textvalue = function(section_id) { return textNode(ruleOf(section_id).name || '–'); };
 
 		const network = section.option(form.Value, 'service_if', _('Network'),
 			_('The local network that is served; "loopback" is the router itself.'));
 		this.addNetworks(network);
 		network.rmempty = false;
 		network.validate = function(section_id, value) {
-			return /^[A-Za-z0-9._@:-]{1,34}$/.test(value) || _('The name of a network');
+			return (/^[A-Za-z0-9._@:-]{1,34}$/).test(value) || _('The name of a network');
 		};
 		network.textvalue = function(section_id) { return textNode(ruleOf(section_id).network || '–'); };
 
@@ -221,8 +231,8 @@ return view.extend({
 			changed.onchange = function(ev, section_id) {
 				const edited = this.section.children.filter(function(o) { return o.option == '_warnings'; })[0];
 				const frame = edited.map.findElement('data-field', edited.cbid(section_id));
-				const valueOf = L.bind(function(name) {
-					const found = this.section.children.filter(function(o) { return o.option == name; })[0];
+				const valueOf = L.bind(function(wanted) {
+					const found = this.section.children.filter(function(o) { return o.option == wanted; })[0];
 
 					return found.formvalue(section_id);
 				}, this);

@@ -118,16 +118,13 @@ function quantile(histogram, share) {
 	return Infinity;
 }
 
-function barsLabel(histogram) {
-	const total = histogram.reduce(function(sum, times) { return sum + times; }, 0);
-
-	if (total == 0)
-		return _('no answers yet');
+function formatQuantile(histogram) {
+	if (histogram == null || !histogram.some(function(times) { return times > 0; }))
+		return '–';
 
 	const end = quantile(histogram, 0.95);
 
-	return end == Infinity ? _('%d answers, 95 %% of them after more than 8 s at most').format(total)
-		: _('%d answers, 95 %% of them within %d ms').format(total, end);
+	return end == Infinity ? _('5 %% or more take over 8 s').format() : _('95 %% within %d ms').format(end);
 }
 
 /* Points without a rate are gaps. The newest is at the right. */
@@ -176,7 +173,7 @@ return view.extend({
 		this.lost = E('div', { 'class': 'alert-message warning hidden' },
 			[ _('The router does not answer. What is shown is the last that it told.') ]);
 		this.notCounted = E('p', { 'class': 'hidden' },
-			[ _('This dnsproxyd has no numbers on the bus: rates, shares and times are not known (–).') ]);
+			[ _('This dnsproxyd has no numbers on the bus: rates, shares and times are not known.') ]);
 		this.numbers = E('p');
 		this.findings = E('div', { 'aria-live': 'polite' });
 		this.table = E('table', { 'class': 'table' }, [
@@ -189,7 +186,7 @@ return view.extend({
 				isWritable() ? E('th', { 'class': 'th cbi-section-actions' }) : ''
 			])
 		]);
-		this.noLines = E('p', { 'class': 'hidden' }, [ E('em', {}, [ _('There are no lines.') ]) ]);
+		this.noLines = E('p', { 'class': 'hidden' }, [ E('em') ]);
 
 		if (data != null)
 			this.update(data);
@@ -241,6 +238,7 @@ return view.extend({
 		this.updateNumbers(data);
 		setShown(this.notCounted, data.running && !data.hasStatistics);
 		setShown(this.noLines, data.lines.length == 0);
+		setText(this.noLines.firstChild, data.running ? _('There are no lines.') : _('The lines are not known.'));
 
 		data.lines.forEach(L.bind(function(line) {
 			devices[line.device] = true;
@@ -278,7 +276,7 @@ return view.extend({
 		let texts;
 
 		if (isServing)
-			texts = [ data.uptime != null ? _('DNS is served, for %t now.').format(data.uptime) : _('DNS is served.') ];
+			texts = [ data.uptime != null ? _('DNS is served. Uptime: %t.').format(data.uptime) : _('DNS is served.') ];
 		else if (data.findings.length > 0)
 			texts = data.findings.map(function(f) { return '%s. → %s'.format(f.finding, f.remedy); });
 		else if (!data.running)
@@ -321,7 +319,11 @@ return view.extend({
 		const at = now();
 		let rate = null;
 
-		if (line.sent != null && known.sent != null && line.sent >= known.sent && at > known.at)
+		/* A mark refreshes the page out of turn; a rate over a moment is chance. */
+		if (at - known.at < 1000)
+			return known.points;
+
+		if (line.sent != null && known.sent != null && line.sent >= known.sent)
 			rate = (line.sent - known.sent) * 1000 / (at - known.at);
 
 		known.sent = line.sent;
@@ -341,6 +343,7 @@ return view.extend({
 			rate: E('div'),
 			chart: createChart(),
 			bars: createBars(),
+			times: E('div'),
 			servers: E('div'),
 			button: null
 		};
@@ -358,7 +361,7 @@ return view.extend({
 			cell(_('Line'), [ row.name, E('br'), row.device ]),
 			cell(_('State'), [ row.state, row.by ]),
 			cell(_('Queries'), [ row.chart.svg, row.rate ]),
-			cell(_('Time to the answer'), [ row.bars.svg ]),
+			cell(_('Time to the answer'), [ row.bars.svg, row.times ]),
 			cell(_('Servers: answered, mean time'), [ row.servers ]),
 			row.button ? E('td', { 'class': 'td cbi-section-actions' }, [ E('div', {}, [ row.button ]) ]) : ''
 		]);
@@ -385,7 +388,8 @@ return view.extend({
 		setText(row.chart.label, _('Queries of the last five minutes, at last %s').format(rateText));
 
 		setAttribute(row.bars.shape, 'd', line.histogram ? barsPath(line.histogram) : '');
-		setText(row.bars.label, line.histogram ? barsLabel(line.histogram) : '–');
+		setText(row.bars.label, _('Times to the answer, from 1 ms at the left in steps that double'));
+		setText(row.times, formatQuantile(line.histogram));
 
 		this.updateServers(row.servers, line.servers);
 
