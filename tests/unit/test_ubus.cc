@@ -520,4 +520,3 @@ TEST_F(ubus, answers_to_unusual_messages_and_an_end_at_one_that_is_too_long)
     serve();
     disconnect();
 }
-
