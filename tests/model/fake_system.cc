@@ -252,6 +252,7 @@ int __wrap_timerfd_create(int, int flags)
 
 int __wrap_timerfd_settime(int, int, const itimerspec *when, itimerspec *)
 {
+    sys.alarm_before = sys.alarm_at;
     sys.alarm_at = ipcom_tmo2_clock() + when->it_value.tv_sec * 1'000'000'000 + when->it_value.tv_nsec;
     sys.alarm_was_set = true;
     return 0;
@@ -347,6 +348,8 @@ ssize_t __wrap_recvmsg(int fd, msghdr *header, int flags)
     const ssize_t length = take(fd, &d, header->msg_iov->iov_base, header->msg_iov->iov_len);
     if (length < 0 || fd == dnsproxy_data.intfFd)
         return length;
+    must(header->msg_namelen >= (d.from.v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in)),
+         "there is room for the sender");
     header->msg_namelen = put_peer(d.from, static_cast<sockaddr *>(header->msg_name));
     in_pktinfo info = {};
     info.ipi_ifindex = d.ifindex;

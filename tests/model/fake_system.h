@@ -85,6 +85,7 @@ struct fake_system {
     std::set<int> watched;          // by epoll, beside the alarm
     int64_t alarm_at = INT64_MAX;   // when it goes off, by the clock of the timers
     bool alarm_was_set = false;     // since the wait before
+    int64_t alarm_before = 0;       // when it would have gone off else
     std::vector<sending> sendings;
     std::vector<std::string> pipe_replies; // blocks written to the reply pipe by this step
     std::string online_state;              // text of the link-state file; empty: no file

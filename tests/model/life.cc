@@ -239,6 +239,8 @@ void check_wake(int limit_ms)
     must(limit_ms == -1, "the daemon waits for descriptors and the alarm");
     must(sys.alarm_at <= wake, "the daemon wakes for the first timer");
     must(!sys.alarm_was_set || sys.alarm_at == wake, "the daemon wakes for its timers and for nothing else");
+    must(!sys.alarm_was_set || sys.alarm_before > wake || sys.alarm_before <= wake - alarm_slack_ns,
+         "the alarm is moved only when it would go off too late, or much too early");
     sys.alarm_was_set = false;
 }
 

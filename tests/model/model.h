@@ -13,7 +13,8 @@
 #include "tests/model/fake_system.h"
 
 constexpr int64_t record_life_ns = 10'000'000'000;
-constexpr int64_t lateness_ns = 100'000'000; // of an expiry while nothing else wakes the daemon
+constexpr int64_t lateness_ns = 100'000'000;   // of an expiry while nothing else wakes the daemon
+constexpr int64_t alarm_slack_ns = 75'000'000; // by which the alarm may go off too early
 constexpr int64_t socket_life_ns = 60'000'000'000;
 
 // Who asked what: what makes a query the same query. One of the router itself that goes on to the IPv6
