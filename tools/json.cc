@@ -107,7 +107,7 @@ const char *skip_items(const char *at, char close, int depth)
 
 const char *skip_value(const char *at, int depth) // NOLINT(misc-no-recursion): 32 levels at most
 {
-    if (depth == deepest)
+    if (at == nullptr || depth == deepest)
         return nullptr;
     switch (*at) {
     case '{':
@@ -139,6 +139,8 @@ char unescape(const char **at)
 
 json behind_comma(const char *at)
 {
+    if (at == nullptr)
+        return {nullptr};
     at = skip_blanks(at);
     return {*at == ',' ? skip_blanks(at + 1) : nullptr};
 }
@@ -167,7 +169,7 @@ json json::first() const
 
 json json::next() const
 {
-    return behind_comma(skip_value(at, 0));
+    return {at != nullptr ? behind_comma(skip_value(at, 0)).at : nullptr};
 }
 
 json json::first_name() const

@@ -156,15 +156,15 @@ bool probe_query::set_name(const char *name)
     return name[0] != '\0';
 }
 
-int probes_of(const line_table *table, int number, probe *probes)
+int probes_of(const line_table *table, int line, probe *probes)
 {
-    const line &l = table->lines[number];
+    const struct line &l = table->lines[line];
     int count = 0;
     for (const in_addr &v4 : l.ipv4) {
         const sockaddr_in to = {
             .sin_family = AF_INET, .sin_port = htons(DNSPROXY_DNS_PORT), .sin_addr = v4, .sin_zero = {}};
         if (v4.s_addr != 0)
-            probes[count++] = make_probe(number, l.device, to);
+            probes[count++] = make_probe(line, l.device, to);
     }
     for (const in6_addr &v6 : l.ipv6) {
         sockaddr_in6 to = {};
@@ -172,7 +172,7 @@ int probes_of(const line_table *table, int number, probe *probes)
         to.sin6_port = htons(DNSPROXY_DNS_PORT);
         to.sin6_addr = v6;
         if (!IN6_IS_ADDR_UNSPECIFIED(&to.sin6_addr))
-            probes[count++] = make_probe(number, l.device, to);
+            probes[count++] = make_probe(line, l.device, to);
     }
     return count;
 }

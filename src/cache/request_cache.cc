@@ -120,7 +120,6 @@ int add(const host_key<typename Family::host> &key, uint16_t new_id, const char 
         DNSPROXY_RETURN(Family::op_add, DNSPROXY_ERESOURCE);
     }
     ipcom_list_insert_last(&Family::list(), &e->link);
-    count(&Family::records().made);
     DNSPROXY_RETURN(Family::op_add, armed);
 }
 
@@ -160,7 +159,6 @@ template <class Family> void move_index(dnsproxy_server_if *sif)
 // A line that was deleted and added again since has not sent the query.
 template <class Family> void count_end(dnsproxy_server_if *sif, const typename Family::entry *e)
 {
-    count(&Family::records().ended);
     if (sif == nullptr || entry_sent_at(*e) < sif->made_at)
         return;
     line_counters &line = Family::counters(sif);

@@ -52,7 +52,6 @@ struct cache_v4 : ipv4 {
     static ipcom_list &list() { return dnsproxy_data.cacheList; }
     static ipcom_hash *&hosts() { return dnsproxy_data.cacheHash; }
     static ipcom_hash *&ids() { return dnsproxy_data.cacheIdHash; }
-    static record_counters &records() { return dnsproxy_data.recordCounters; }
 
     static void set_address(entry *e, const host &h) { e->from = h.from; }
     static uint32_t hash_address(const host &h) { return hash_field(h.from, 0); }
@@ -72,7 +71,6 @@ struct cache_v6 : ipv6 {
     static ipcom_list &list() { return dnsproxy_data.cacheList6; }
     static ipcom_hash *&hosts() { return dnsproxy_data.cacheHash6; }
     static ipcom_hash *&ids() { return dnsproxy_data.cacheIdHash6; }
-    static record_counters &records() { return dnsproxy_data.recordCounters6; }
 
     static void set_address(entry *e, const host &h)
     {

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 
 #include "core/dnsproxy_data.h"
 #include "iface/server_record.h"
@@ -80,12 +81,14 @@ private:
     bool whole_ = true;
 };
 
-void add_times(writer *w, const slot_counters &slot)
+void add_replies(writer *w, const slot_counters &slot)
 {
+    const uint64_t replies = std::accumulate(slot.histogram, slot.histogram + COUNTER_BUCKETS, uint64_t{0});
+    w->number("replies", replies);
     void *table = w->open("time_us", false);
-    w->number("count", slot.replies);
+    w->number("count", replies);
     w->number("smallest", slot.smallest_us);
-    w->number("mean", slot.replies == 0 ? 0 : slot.total_us / slot.replies);
+    w->number("mean", replies == 0 ? 0 : slot.total_us / replies);
     w->number("largest", slot.largest_us);
     w->number("total", slot.total_us);
     void *array = w->open("histogram", true);
@@ -100,7 +103,7 @@ void add_family(writer *w, const char *name, const line_counters &counters,
                 const char (&addresses)[DNSPROXY_SERVER_SLOTS][INET6_ADDRSTRLEN])
 {
     void *family = w->open(name, false);
-    w->number("sent", counters.sent);
+    w->number("sent", counters.sent_before + counters.slots[0].sent + counters.slots[1].sent);
     w->number("failed", counters.failed);
     w->number("answered", counters.answered);
     w->number("expired", counters.expired);
@@ -109,8 +112,7 @@ void add_family(writer *w, const char *name, const line_counters &counters,
         void *server = w->open(nullptr, false);
         w->text("address", addresses[slot]);
         w->number("sent", counters.slots[slot].sent);
-        w->number("replies", counters.slots[slot].replies);
-        add_times(w, counters.slots[slot]);
+        add_replies(w, counters.slots[slot]);
         w->close(server);
     }
     w->close(servers);
@@ -137,14 +139,14 @@ void add_line(writer *w, const line_copy &line)
     w->close(table);
 }
 
-void add_queries(writer *w, const char *name, const query_counters &queries, const record_counters &records)
+void add_queries(writer *w, const char *name, const query_counters &queries, const ipcom_list &records)
 {
     void *table = w->open(name, false);
     w->number("taken", queries.refused + queries.forced + queries.free);
     w->number("refused", queries.refused);
     w->number("forced", queries.forced);
     w->number("free", queries.free);
-    w->number("in_flight", records.made - records.ended);
+    w->number("in_flight", static_cast<uint64_t>(ipcom_list_size(&records)));
     w->close(table);
 }
 
@@ -159,10 +161,8 @@ bool statistics_fill(blob_buf *buf)
         return false;
     writer w(buf);
     w.number("uptime", static_cast<uint64_t>((ipcom_tmo2_clock() - dnsproxy_data.startedAt) / ns_per_s));
-    add_queries(&w, "ipv4", counters_get(&dnsproxy_data.queryCounters),
-                counters_get(&dnsproxy_data.recordCounters));
-    add_queries(&w, "ipv6", counters_get(&dnsproxy_data.queryCounters6),
-                counters_get(&dnsproxy_data.recordCounters6));
+    add_queries(&w, "ipv4", counters_get(&dnsproxy_data.queryCounters), dnsproxy_data.cacheList);
+    add_queries(&w, "ipv6", counters_get(&dnsproxy_data.queryCounters6), dnsproxy_data.cacheList6);
     void *array = w.open("lines", true);
     for (int i = 0; i < count; i++)
         add_line(&w, lines[i]);

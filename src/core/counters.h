@@ -12,22 +12,21 @@
 constexpr int COUNTER_SLOTS = 2;
 constexpr int COUNTER_BUCKETS = 15; // times up to 1 ms, 2 ms, 4 ms, ... 8192 ms, and longer
 
-// One server of a line.
+// One server of a line. Its replies are the sum of the histogram: the first of a query, and later ones.
 struct slot_counters {
     uint64_t sent;
-    uint64_t replies;  // that were accepted, the first of a query and later ones
-    uint64_t total_us; // sum of their times, from the query's first send
-    uint64_t smallest_us;
+    uint64_t total_us;    // sum of the times of the replies, each from the query's first send
+    uint64_t smallest_us; // 0: no reply
     uint64_t largest_us;
     uint64_t histogram[COUNTER_BUCKETS];
 };
 
 // One family of a line.
 struct line_counters {
-    uint64_t sent;     // to each server
-    uint64_t failed;   // sends
-    uint64_t answered; // records that have ended so
-    uint64_t expired;  // records that have ended without a reply
+    uint64_t sent_before; // to servers that have been replaced
+    uint64_t failed;      // sends
+    uint64_t answered;    // records that have ended so
+    uint64_t expired;     // records that have ended without a reply
     slot_counters slots[COUNTER_SLOTS];
 };
 
@@ -36,12 +35,6 @@ struct query_counters {
     uint64_t refused; // came in on a device that no rule serves
     uint64_t forced;
     uint64_t free;
-};
-
-// The records of one family's cache.
-struct record_counters {
-    uint64_t made;
-    uint64_t ended;
 };
 
 inline void count(uint64_t *counter, uint64_t more = 1)
@@ -71,31 +64,24 @@ template <class Counters> Counters counters_get(const Counters *from)
     return to;
 }
 
-// Begins at zero.
-inline void counters_clear(slot_counters *slot)
+// A server is replaced, and its numbers begin at zero.
+inline void count_replaced(line_counters *line, int slot)
 {
-    auto *counter = reinterpret_cast<uint64_t *>(slot);
-    for (size_t i = 0; i < sizeof *slot / sizeof *counter; i++)
+    count(&line->sent_before, line->slots[slot].sent);
+    auto *counter = reinterpret_cast<uint64_t *>(&line->slots[slot]);
+    for (size_t i = 0; i < sizeof line->slots[slot] / sizeof *counter; i++)
         counter_set(&counter[i], 0);
-}
-
-// A query that was sent to a server.
-inline void count_sent(line_counters *line, int slot)
-{
-    count(&line->sent);
-    count(&line->slots[slot].sent);
 }
 
 // A reply after so many nanoseconds.
 inline void count_reply(slot_counters *slot, int64_t ns)
 {
-    const uint64_t us = static_cast<uint64_t>(std::max<int64_t>(ns, 0)) / 1000;
-    const int bucket = us == 0 ? 0 : static_cast<int>(std::bit_width((us - 1) / 1000));
-    if (us < slot->smallest_us || slot->replies == 0)
+    const uint64_t us = static_cast<uint64_t>(std::max<int64_t>(ns, 1000)) / 1000;
+    const auto bucket = static_cast<int>(std::bit_width((us - 1) / 1000));
+    if (us - 1 < slot->smallest_us - 1) // 0 is none
         counter_set(&slot->smallest_us, us);
     if (us > slot->largest_us)
         counter_set(&slot->largest_us, us);
-    count(&slot->replies);
     count(&slot->total_us, us);
     count(&slot->histogram[std::min(bucket, COUNTER_BUCKETS - 1)]);
 }

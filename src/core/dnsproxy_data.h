@@ -62,8 +62,6 @@ struct dnsproxy_data {
     int64_t startedAt; // nanoseconds of the timer service's clock
     query_counters queryCounters;
     query_counters queryCounters6;
-    record_counters recordCounters;
-    record_counters recordCounters6;
 
     int intfFd;
     struct if_nameindex *ifNameIndex; // nullptr: empty

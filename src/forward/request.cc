@@ -169,7 +169,7 @@ template <class Family> int send_forced(query<Family> *q, const dnsproxy_listen_
         DNSPROXY_LOG(ERROR, Family::op, status, request_msg_send<Family>);
         return status;
     }
-    count_sent(&counters, slot);
+    count(&counters.slots[slot].sent);
     if (repeated)
         return status;
     status = request_cache_add(key, new_id, sif->ifname, slot);

@@ -50,7 +50,7 @@ template <class Family> bool send_to(sending<Family> *s, dnsproxy_server_if *sif
         DNSPROXY_LOG(ERROR, Family::op, *status, choice_msg_send<Family>);
         return false;
     }
-    count_sent(&counters, slot);
+    count(&counters.slots[slot].sent);
     dnsproxy_pending_id_set(s->new_id);
     if (s->recorded)
         return true;

@@ -79,7 +79,7 @@ void set_slot(dnsproxy_server_if *sif, int slot, const uint64_t *address)
     if (address == nullptr || *address == 0 || *address == sif->dnsServer[slot])
         return;
     sif->dnsServer[slot] = *address;
-    counters_clear(&sif->counters.slots[slot]);
+    count_replaced(&sif->counters, slot);
 }
 
 void set_slot_v6(dnsproxy_server_if *sif, int slot, const sockaddr_in6 *address)
@@ -87,7 +87,7 @@ void set_slot_v6(dnsproxy_server_if *sif, int slot, const sockaddr_in6 *address)
     if (address == nullptr)
         return;
     if (!IN6_ARE_ADDR_EQUAL(&address->sin6_addr, &sif->dnsServer6[slot].sin6_addr))
-        counters_clear(&sif->counters6.slots[slot]);
+        count_replaced(&sif->counters6, slot);
     sif->dnsServer6[slot] = *address;
 }
 

@@ -1,5 +1,10 @@
 #include "platform/ipcom_list.h"
 
+static void resize(ipcom_list *head, int32_t by)
+{
+    __atomic_store_n(&head->size, head->size + by, __ATOMIC_RELAXED);
+}
+
 void ipcom_list_init(ipcom_list *head)
 {
     head->next = head;
@@ -20,7 +25,7 @@ void ipcom_list_insert_before(ipcom_list *position, ipcom_list *record)
     record->head = position->head;
     position->prev->next = record;
     position->prev = record;
-    record->head->size++;
+    resize(record->head, 1);
 }
 
 void ipcom_list_remove(ipcom_list *record)
@@ -29,7 +34,7 @@ void ipcom_list_remove(ipcom_list *record)
         return;
     record->prev->next = record->next;
     record->next->prev = record->prev;
-    record->head->size--;
+    resize(record->head, -1);
     record->next = nullptr;
     record->prev = nullptr;
     record->head = nullptr;

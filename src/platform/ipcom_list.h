@@ -32,6 +32,12 @@ ipcom_list *ipcom_list_first(const ipcom_list *head);
 // The record after `record`, or nullptr after the last.
 ipcom_list *ipcom_list_next(const ipcom_list *record);
 
+// Number of records, for a thread that must not look at the list itself.
+inline int32_t ipcom_list_size(const ipcom_list *head)
+{
+    return __atomic_load_n(&head->size, __ATOMIC_RELAXED);
+}
+
 // Typed walk for records whose first member is their link:
 //     for (auto *sif = ipcom_first<dnsproxy_server_if>(list); sif != nullptr; sif = ipcom_next(sif))
 template <class Record> Record *ipcom_first(const ipcom_list &head)

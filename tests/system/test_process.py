@@ -113,9 +113,7 @@ def test_children_inherit_no_descriptor(lab, upstreams, client):
         client("h1").ask(timeout=0.1)
         for fd in daemon.fds():
             if fd > 2:
-                flags = (
-                    Path(f"/proc/{daemon.pid}/fdinfo/{fd}").read_text(encoding="ascii").split()[3]
-                )
+                flags = Path(f"/proc/{daemon.pid}/fdinfo/{fd}").read_text(encoding="ascii").split()[3]
                 assert int(flags, 8) & os.O_CLOEXEC, f"descriptor {fd}: {daemon.fds()[fd]}"
 
 

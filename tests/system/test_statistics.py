@@ -141,10 +141,10 @@ def test_a_slow_server_shows(lab, bus, start, client, family, forced):
         assert client("g1" if forced else "h1", family).bulk(20).answered == 20
         wait.until(lambda: servers_of(lines_of(bus)["wan2"])[slow]["replies"] == 20, "its replies")
     time = servers_of(lines_of(bus)["wan2"])[slow]["time_us"]
-    assert time["smallest"] >= 200_000
+    assert time["smallest"] >= 190_000, "it counts from when the query has been sent"
     assert sum(time["histogram"][:8]) == 0 and sum(time["histogram"]) == 20
     if not forced:
-        assert servers_of(lines_of(bus)["wan2"])[quick]["time_us"]["smallest"] < 200_000
+        assert servers_of(lines_of(bus)["wan2"])[quick]["time_us"]["smallest"] < 190_000
 
 
 def test_sends_that_fail(lab, bus, start, client, family):

@@ -258,6 +258,8 @@ protected:
         };
         ubus_add_uloop(ctx);
         EXPECT_TRUE(ctx->sock.registered);
+        EXPECT_EQ(signal(SIGPIPE, SIG_IGN), SIG_IGN) << "a broker that has gone ends nobody";
+        EXPECT_NE(signal(SIGTERM, SIG_DFL), SIG_DFL) << "the loop ends by it";
     }
     void disconnect()
     {
