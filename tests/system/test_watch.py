@@ -96,7 +96,8 @@ def test_a_line_dies_and_comes_back(watch, bus, upstreams, client):
     wait.until(lambda: answered.append(asks_with_retries()) or ON in watch.said(), ON, timeout=40)
     assert states(bus) == {"wan1": "on", "wan2": "on"}
     assert all(answered)
-    assert HOOKED.read_text(encoding="ascii") == "now WAN1 wan1 off\nnow WAN1 wan1 on\n"
+    hooked = "now WAN1 wan1 off\nnow WAN1 wan1 on\n"
+    wait.until(lambda: HOOKED.read_text(encoding="ascii") == hooked, "a command for each change")
     upstreams[1].answer_with(silent)
     watch.wait_for(OFF, 2)
     assert watch.stop() == 0

@@ -7,7 +7,7 @@
 # for one that starts, dnsproxyctl and the bus for one that runs. "update" does nothing before the init script's
 # "start". On a router with zone functions of its own these files are the vendor's, and nothing is done.
 # "follow" runs beside the daemon and updates when servers change on a line that stays up: netifd has no event for
-# that, but writes all servers into its resolver file. "watched" is how dnsproxyctl watch reports a line.
+# that, but writes all servers into its resolver file. "watched" is what dnsproxyctl watch calls.
 #
 # A line is a device. netifd can have several networks on one (wan, wan6), and the daemon takes a device once, so
 # their servers go together under the first one's name. A network counts while it is up, has DNS servers, and has
@@ -196,7 +196,7 @@ update() {
     flock 9
     touch "$RUN/lines" "$RUN/devices"
     dump=$(ubus -t 10 call network.interface dump 2>/dev/null)
-    if [ -z "$(jsonfilter -s "$dump" -e '@.interface[0].interface' 2>/dev/null)" ]; then
+    if [ -z "$(jsonfilter -s "$dump" -e '@.interface[*].interface' 2>/dev/null)" ]; then
         [ -e "$RUN/missed" ] || logger -t dnsproxyd -p daemon.warn "netifd does not tell its networks: lines stay as they are"
         : >"$RUN/missed"
         return 0
