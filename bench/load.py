@@ -120,9 +120,7 @@ def serving(argv: list[str], core: int, family: int, namespace: str | None = Non
     """
     with tempfile.TemporaryFile("w+", encoding="utf-8", errors="replace") as output:
         with netns.inside(namespace):
-            process = subprocess.Popen(
-                placed(argv, core), stdin=subprocess.DEVNULL, stdout=output, stderr=output
-            )
+            process = subprocess.Popen(placed(argv, core), stdin=subprocess.DEVNULL, stdout=output, stderr=output)
 
         def up() -> bool:
             if process.poll() is not None:
@@ -166,9 +164,7 @@ class Asker:
     def output(self) -> str:
         output, _ = self._process.communicate()
         if self._process.returncode != 0:
-            raise RuntimeError(
-                f"{self._process.args} ended with status {self._process.returncode}:\n{output}"
-            )
+            raise RuntimeError(f"{self._process.args} ended with status {self._process.returncode}:\n{output}")
         return output
 
 
@@ -180,9 +176,7 @@ class Dnsperf(Asker):
 
     FASTEST = 110_000  # queries per second that it may reach without a rate
 
-    def __init__(
-        self, family: int, rate: int | None, seconds: int, life: float = RECORD_LIFE, host: str = HOST
-    ):
+    def __init__(self, family: int, rate: int | None, seconds: int, life: float = RECORD_LIFE, host: str = HOST):
         server = plan.HOSTS[host].router(family)
         threads = str(int((rate or self.FASTEST) * life / QUERIES_OF_THREAD) + 1)
         argv = ["dnsperf", "-s", server, "-d", _names(), "-T", threads, "-c", threads, "-b", "1024"]
@@ -204,9 +198,7 @@ def _names() -> str:
 class Ask(Asker):
     """Asks at a steady rate, however many are in flight, and times every reply."""
 
-    def __init__(
-        self, build: str, server: str, rate: int, seconds: int, host: str = HOST, life: float = RECORD_LIFE
-    ):
+    def __init__(self, build: str, server: str, rate: int, seconds: int, host: str = HOST, life: float = RECORD_LIFE):
         sockets = str(int(rate * life / QUERIES_OF_THREAD) + 1)
         super().__init__([tool_of(build, "ask"), server, str(rate), str(seconds), sockets], host)
 
@@ -255,9 +247,7 @@ def _datagrams_read(pid: int, family: int) -> int:
     if family == 6:
         text = Path(f"/proc/{pid}/net/snmp6").read_text(encoding="ascii")
         return int(re.search(r"^Udp6InDatagrams\s+(\d+)$", text, re.MULTILINE)[1])
-    names, values = re.findall(
-        r"^Udp: (.*)$", Path(f"/proc/{pid}/net/snmp").read_text(encoding="ascii"), re.MULTILINE
-    )
+    names, values = re.findall(r"^Udp: (.*)$", Path(f"/proc/{pid}/net/snmp").read_text(encoding="ascii"), re.MULTILINE)
     return int(dict(zip(names.split(), values.split()))["InDatagrams"])
 
 
@@ -307,9 +297,7 @@ def watch(pid: int, asker: int, servers: int, family: int, lead: float, window: 
 def resident(pid: int) -> tuple[int, int]:
     """Resident memory of a process now and at its peak, in KiB."""
     status = Path(f"/proc/{pid}/status").read_text(encoding="ascii")
-    now, peak = (
-        int(re.search(rf"^{key}:\s+(\d+) kB$", status, re.MULTILINE)[1]) for key in ("VmRSS", "VmHWM")
-    )
+    now, peak = (int(re.search(rf"^{key}:\s+(\d+) kB$", status, re.MULTILINE)[1]) for key in ("VmRSS", "VmHWM"))
     return now, peak
 
 

@@ -1,5 +1,5 @@
-# The router's own libraries, taken where they are (also under CMAKE_PREFIX_PATH); elsewhere the stand-ins
-# of compat/ serve, with the same header names and calls.
+# Uses the router's libraries where CMake finds them, also under CMAKE_PREFIX_PATH, and the stand-ins in
+# compat/ elsewhere. Both have the same header names and calls.
 find_path(UCI_INCLUDE_DIR uci.h)
 find_library(UCI_LIBRARY uci)
 find_library(UBOX_LIBRARY ubox)
@@ -32,6 +32,6 @@ else()
     add_library(dnsproxyd_ubus ALIAS dnsproxyd_compat_ubus)
 endif()
 
-# xxHash is used through its header alone.
+# Only the header of xxHash is used.
 find_path(XXHASH_INCLUDE_DIR xxhash.h REQUIRED)
 mark_as_advanced(XXHASH_INCLUDE_DIR)

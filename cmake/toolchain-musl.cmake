@@ -1,17 +1,17 @@
-# This machine's processor with the router's C library: Debian's musl under Debian's g++. The C++ library's headers
-# are glibc's companions; the few that the shipped code uses are made to stand on musl here. Its run-time library
-# cannot be, so nothing that needs it (the tests) builds this way.
+# This machine's processor with the router's C library: Debian's musl and Debian's g++. The headers of the C++
+# library are made for glibc; the folder musl/ adapts the few that the shipped code uses. The run-time library
+# of C++ cannot be adapted, so programs that need it, such as the tests, are not built.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(CMAKE_C_COMPILER musl-gcc)
 set(CMAKE_CXX_COMPILER g++)
-set(CMAKE_CXX_COMPILER_WORKS TRUE) # it links nothing here: the C compiler does
+set(CMAKE_CXX_COMPILER_WORKS TRUE) # the C compiler links every program
 set(CMAKE_FIND_ROOT_PATH /usr/lib/x86_64-linux-musl)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# The kernel's headers and xxHash's, without glibc's beside them.
+# The headers of the kernel and of xxHash, without those of glibc.
 set(headers ${CMAKE_BINARY_DIR}/include)
 file(MAKE_DIRECTORY ${headers})
 foreach(name linux asm-generic xxhash.h)

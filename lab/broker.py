@@ -26,6 +26,7 @@ from collections.abc import Iterable, Mapping
 from typing import Any, NamedTuple
 
 from lab import wait
+
 from lab.bus import (
     Attr, Message, Status, Stream, Type, attribute, decode, encode, id_attribute, invoke, text_attribute,
 )  # fmt: skip

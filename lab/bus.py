@@ -152,12 +152,7 @@ def text_attribute(ident: int, value: bytes) -> bytes:
 
 
 def invoke(object_id: int, method: bytes, data: bytes, more: bytes = b"") -> bytes:
-    return (
-        id_attribute(Attr.OBJID, object_id)
-        + text_attribute(Attr.METHOD, method)
-        + more
-        + attribute(Attr.DATA, data)
-    )
+    return id_attribute(Attr.OBJID, object_id) + text_attribute(Attr.METHOD, method) + more + attribute(Attr.DATA, data)
 
 
 class Stream:

@@ -13,9 +13,7 @@ Panel = tuple[int, list[str]]  # height, elements that begin at height 0
 
 
 def _text(x: float, y: float, text: str, anchor: str = "start", weight: str = "normal") -> str:
-    return (
-        f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" font-weight="{weight}">{escape(text)}</text>'
-    )
+    return f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" font-weight="{weight}">{escape(text)}</text>'
 
 
 def number(value: float) -> str:
@@ -34,9 +32,7 @@ def _legend(parts: Sequence[str], y: float) -> list[str]:
     return drawn
 
 
-def bars(
-    title: str, parts: Sequence[str], rows: Sequence[tuple[str, Sequence[float]]], stacked: bool
-) -> Panel:
+def bars(title: str, parts: Sequence[str], rows: Sequence[tuple[str, Sequence[float]]], stacked: bool) -> Panel:
     """A bar per row from the values of its parts, end to end when stacked or else over each other."""
     totals = [sum(values) if stacked else max(values) for _, values in rows]
     scale = (WIDTH - LEFT - 100) / max(max(totals), 1e-9)

@@ -114,9 +114,7 @@ class Daemon:
         def up() -> bool:
             if not self.alive():
                 status = self.process.returncode
-                raise RuntimeError(
-                    f"the daemon ended with status {status}; it said:\n{self.output()}"
-                )
+                raise RuntimeError(f"the daemon ended with status {status}; it said:\n{self.output()}")
             return all(owns_udp_port(self.pid, 53, family) for family in (4, 6))
 
         wait.until(up, "the daemon to own port 53", timeout)

@@ -174,19 +174,14 @@ def expect_replies(stage: Stage, got: Sniffer, count: int) -> None:
 
 def start(stage: Stage, _family: int) -> None:
     """The start: rules and servers, as the daemon's own table dump tells them"""
-    dump = wait.until(
-        lambda: out if "\nEnd\n" in (out := stage.daemon.output()) else "", "the table dump"
-    )
+    dump = wait.until(lambda: out if "\nEnd\n" in (out := stage.daemon.output()) else "", "the table dump")
     listening, _, sending = dump.partition("***Show server interface")
     served = {}
     for device, forced, rest in re.findall(
         r"^ifname:(\S+)\.\nSpecify out interface = (\d+) +(.*)$", listening, re.MULTILINE
     ):
         out = rest.removeprefix("out interface name:").removesuffix(".")
-        say(
-            f"{device:9} served, "
-            + (f"every query leaves by {out}" if int(forced) else "free choice")
-        )
+        say(f"{device:9} served, " + (f"every query leaves by {out}" if int(forced) else "free choice"))
         served[device] = out
     lines = []
     for device, block in re.findall(r"^ifname:(\S+) ifindex:(.*?)is_down:", sending, re.M | re.S):
@@ -240,9 +235,7 @@ def polling(stage: Stage, family: int) -> None:
         late = back.counts[slow]
         expect(late == 8, f"the slow line answered {late} times")
         expect_replies(stage, got, 4)
-    say(
-        f"Each query went to all six servers, and nobody waited for {slow}: its {late} answers came"
-    )
+    say(f"Each query went to all six servers, and nobody waited for {slow}: its {late} answers came")
     say("too late and were dropped. The client got one reply per query.")
 
 
@@ -254,11 +247,7 @@ def forced(_stage: Stage, family: int) -> None:
         out.wait_for(5)
         counts = dict(out.counts)
     devices = [line.device for line in LINES.values()]
-    say(
-        "Seen leaving: "
-        + ", ".join(f"{device} {counts.get(device, 0)}" for device in devices)
-        + "."
-    )
+    say("Seen leaving: " + ", ".join(f"{device} {counts.get(device, 0)}" for device in devices) + ".")
     expect(counts == {"wan2": 5}, "queries left elsewhere, or more than once")
     say("A listener on every outgoing device saw them leave by wan2 only, each to one server.")
 
@@ -356,11 +345,7 @@ def play() -> int:
             say("\n     ".join(stage.daemon.output().splitlines()[-20:]))
     colour = Paint.good if shown == len(STEPS) else Paint.bad
     seconds = time.monotonic() - started
-    print(
-        "\n"
-        + colour(f"{shown} of {len(STEPS)} steps showed what they should")
-        + f" ({seconds:.0f} s)"
-    )
+    print("\n" + colour(f"{shown} of {len(STEPS)} steps showed what they should") + f" ({seconds:.0f} s)")
     return 0 if shown == len(STEPS) else 1
 
 

@@ -68,7 +68,7 @@ def _wait_connected(name: str | None, addresses: Iterable[str]) -> None:
     """
     for address in addresses:
         with netns.inside(name):
-            wait.until(lambda address=address: _answers(address), f"a road to {address}")
+            wait.until(lambda address=address: _answers(address), f"a path to {address}")
 
 
 def _require_sandbox() -> None:

@@ -68,9 +68,7 @@ def _answers(server: Server) -> dict[bytes, bytes]:
 
 
 _ANSWERS = {s.address: _answers(s) for line in plan.LINES.values() for s in line.servers}
-_ANSWERED = (
-    b"\x81\x80\x00\x01\x00\x01\x00\x00\x00\x00"  # flags and counts of a reply with one answer
-)
+_ANSWERED = b"\x81\x80\x00\x01\x00\x01\x00\x00\x00\x00"  # flags and counts of a reply with one answer
 
 
 def reply_to(query: Query) -> bytes:

@@ -107,7 +107,7 @@ const char *skip_items(const char *at, char close, int depth)
 
 const char *skip_value(const char *at, int depth) // NOLINT(misc-no-recursion): 32 levels at most
 {
-    if (depth == deepest)
+    if (at == nullptr || depth == deepest)
         return nullptr;
     switch (*at) {
     case '{':

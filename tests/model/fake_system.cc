@@ -203,11 +203,6 @@ void *__real_calloc(size_t count, size_t size);
 void __real_free(void *block);
 int __real_close(int fd);
 int __real_ioctl(int fd, unsigned long request, ...);
-int __real_epoll_create1(int flags);
-int __real_epoll_ctl(int epoll, int op, int fd, epoll_event *event);
-int __real_epoll_wait(int epoll, epoll_event *ready, int size, int limit_ms);
-int __real_timerfd_create(int clock, int flags);
-int __real_timerfd_settime(int fd, int flags, const itimerspec *when, itimerspec *before);
 
 void *__wrap_malloc(size_t size)
 {
@@ -228,16 +223,12 @@ void __wrap_free(void *block)
 
 int __wrap_epoll_create1(int flags)
 {
-    if (sys.wait == nullptr)
-        return __real_epoll_create1(flags);
     must((flags & EPOLL_CLOEXEC) != 0, "children of the daemon cannot wait in its place");
     return open_fd({.kind = open_file::EPOLL});
 }
 
-int __wrap_epoll_ctl(int epoll, int op, int fd, epoll_event *event)
+int __wrap_epoll_ctl(int, int op, int fd, epoll_event *event)
 {
-    if (sys.wait == nullptr)
-        return __real_epoll_ctl(epoll, op, fd, event);
     must(sys.files.contains(fd), "only open descriptors are watched and forgotten");
     if (sys.files.at(fd).kind == open_file::ALARM)
         return 0;
@@ -248,23 +239,19 @@ int __wrap_epoll_ctl(int epoll, int op, int fd, epoll_event *event)
     return 0;
 }
 
-int __wrap_epoll_wait(int epoll, epoll_event *ready, int size, int limit_ms)
+int __wrap_epoll_wait(int, epoll_event *ready, int, int limit_ms)
 {
-    return sys.wait == nullptr ? __real_epoll_wait(epoll, ready, size, limit_ms) : sys.wait(ready, limit_ms);
+    return sys.wait(ready, limit_ms);
 }
 
-int __wrap_timerfd_create(int clock, int flags)
+int __wrap_timerfd_create(int, int flags)
 {
-    if (sys.wait == nullptr)
-        return __real_timerfd_create(clock, flags);
     must((flags & TFD_CLOEXEC) != 0, "children of the daemon get none of its timers");
     return open_fd({.kind = open_file::ALARM});
 }
 
-int __wrap_timerfd_settime(int fd, int flags, const itimerspec *when, itimerspec *before)
+int __wrap_timerfd_settime(int, int, const itimerspec *when, itimerspec *)
 {
-    if (sys.wait == nullptr)
-        return __real_timerfd_settime(fd, flags, when, before);
     sys.alarm_at = ipcom_tmo2_clock() + when->it_value.tv_sec * 1'000'000'000 + when->it_value.tv_nsec;
     sys.alarm_was_set = true;
     return 0;

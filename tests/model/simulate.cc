@@ -15,6 +15,7 @@
 #include <numeric>
 #include <string>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -143,7 +144,7 @@ public:
         if (m.device.empty() || !m.sent)
             return;
         draw d = {seed_ ^ static_cast<uint64_t>(now()) ^ std::hash<std::string>()(m.device) ^
-                  m.to.address[3] * 77U ^ id};
+                  static_cast<uint8_t>(m.to.address[3]) * 77U ^ id};
         const uint64_t how = d.below(100);
         const int64_t soon = d.between(ms, 200 * ms);
         if (silent_until_ > now() || how < 4)
@@ -494,9 +495,14 @@ int main(int argc, char **argv)
     }
     for (size_t i = 0; i < std::size(kinds); i++)
         printf("%12llu  %s%s\n", sum.met[i], kinds[i], sum.met[i] == 0 ? ": NEVER MET" : "");
+    rusage used = {};
+    (void)getrusage(RUSAGE_CHILDREN, &used);
     const double lived = static_cast<double>(sum.lived) / 3600e9;
+    const double minutes = (static_cast<double>(used.ru_utime.tv_sec + used.ru_stime.tv_sec) +
+                            static_cast<double>(used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1e6) /
+                           60;
     printf("seeds %lu to %lu: no law broken in %.0f hours with %llu events and %llu queries; %.0f hours a "
-           "minute\n",
-           first, o.seed - 1, lived, sum.events, sum.queries, lived / took * 60);
+           "minute of a core\n",
+           first, o.seed - 1, lived, sum.events, sum.queries, lived / minutes);
     return EXIT_SUCCESS;
 }

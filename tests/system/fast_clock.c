@@ -34,7 +34,8 @@ int clock_gettime(clockid_t id, struct timespec *now)
 int timerfd_settime(int fd, int flags, const struct itimerspec *when, struct itimerspec *before)
 {
     int (*const real)(int, int, const struct itimerspec *, struct itimerspec *) =
-        (int (*)(int, int, const struct itimerspec *, struct itimerspec *))dlsym(RTLD_NEXT, "timerfd_settime");
+        (int (*)(int, int, const struct itimerspec *, struct itimerspec *))dlsym(RTLD_NEXT,
+                                                                                 "timerfd_settime");
     const long long ns = scaled(when->it_value, 1.0 / speed) + 1;
     const struct itimerspec soon = {.it_value = {.tv_sec = ns / 1000000000, .tv_nsec = ns % 1000000000}};
     return real(fd, flags, &soon, before);

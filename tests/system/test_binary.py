@@ -30,7 +30,9 @@ def binary(request) -> str:
 
 
 def test_needs_nothing_but_the_c_library(binary):
-    needed = [line.split("[")[1].rstrip("]") for line in output("readelf", "-d", binary).splitlines() if "(NEEDED)" in line]
+    needed = [
+        line.split("[")[1].rstrip("]") for line in output("readelf", "-d", binary).splitlines() if "(NEEDED)" in line
+    ]
     assert needed == ["libc.so.6"]
     assert "_ZSt" not in output("readelf", "--syms", "--wide", binary), "parts of the C++ library's run time"
 

@@ -56,9 +56,7 @@ def daemon(start):
 
 def test_lists(daemon):
     assert answer("list") == {
-        "interfaces": [
-            {"device": plan.LINES[n].device, "ipv4": list(plan.LINES[n].addresses[:2])} for n in (1, 2)
-        ]
+        "interfaces": [{"device": plan.LINES[n].device, "ipv4": list(plan.LINES[n].addresses[:2])} for n in (1, 2)]
     }
     assert answer("addrs") == {"addresses": [*OLD[:2], *plan.LINES[2].addresses[:2]]}
     assert ctl("list").stdout == (
@@ -233,7 +231,10 @@ def test_another_user_is_told_so(router):
     assert result.stderr == "dnsproxyctl: only root may ask dnsproxyd, run it as root (-9001)\n"
     status = ctl("status", **NOBODY)
     assert status.returncode == UNREACHABLE
-    assert status.stdout.splitlines()[:2] == ["serving: ? (run it as root)", "UDP port 53 over IPv4: ? (run it as root)"]
+    assert status.stdout.splitlines()[:2] == [
+        "serving: ? (run it as root)",
+        "UDP port 53 over IPv4: ? (run it as root)",
+    ]
     assert json.loads(ctl("status -j", **NOBODY).stdout)["serving"] is None
     assert findings(**NOBODY) == ["this user may not see who holds UDP port 53, nor ask dnsproxyd"]
 
@@ -564,7 +565,9 @@ def test_check_compares_servers_with_netifd(router):
     netifd_gives(*OLD)
     assert findings() == []
     netifd_gives("10.0.1.99", *OLD[1:])
-    assert findings() == ["line WAN1: dnsproxyd asks 10.0.1.53, which netifd does not give for wan1 (it gives fd00:a:1::54)"]
+    assert findings() == [
+        "line WAN1: dnsproxyd asks 10.0.1.53, which netifd does not give for wan1 (it gives fd00:a:1::54)"
+    ]
     answer("set WAN1 ::ffff:10.0.1.54 ::")
     netifd_gives(*OLD[:2])
     assert findings() == [], "it is the same server"

@@ -8,7 +8,7 @@ import re
 import programs
 import pytest
 
-from lab import files, netns
+from lab import files, netns, wait
 from lab.broker import Broker
 from lab.daemon import TOP, Daemon
 from lab.upstream import answer, delayed
@@ -54,6 +54,7 @@ def test_rules_of_other_documents(upstreams, document, example, count):
     with Broker("/var/run/ubus.sock") as bus:
         for rules in examples:
             files.write(files.RULES, rules)
+            wait.until(lambda: not bus.objects(), "the bus to forget the daemon before")
             with Daemon() as daemon:
                 bus.wait_for("dnsproxy")
                 assert run("router", "dnsproxyctl check") == "nothing found\n", rules
@@ -72,6 +73,7 @@ def test_administration(upstreams):
                 files.write(files.RESOLV, text)
             elif kind == "uci":
                 running.close()
+                wait.until(lambda: not bus.objects(), "the bus to forget the daemon before")
                 files.write(files.RULES, text)
                 daemon = running.enter_context(Daemon())
                 bus.wait_for("dnsproxy")

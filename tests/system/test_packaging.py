@@ -86,10 +86,10 @@ class Router:
 
     def __init__(self):
         wait.until(none_is_left, "the router's processes to end")
-        for name in ("tmp", "var/run", "lib/zone"):
+        for name in ("tmp", "var/run", "lib/zone", "etc/rc.d"):
             if (ROOT / name).exists():
                 shutil.rmtree(ROOT / name)
-        for name in ("tmp", "var/run"):
+        for name in ("tmp", "var/run/mwan3"):
             (ROOT / name).mkdir(parents=True)
         shutil.copy(PACKAGE / "files/dns.config", ROOT / "etc/config/dns")
         self.networks({})
@@ -108,16 +108,24 @@ class Router:
     def init(self, action: str) -> None:
         self.sh(f"{INIT} {action}")
 
-    def event(self, action: str, network: str) -> None:
-        self.sh(". /etc/hotplug.d/iface/30-dnsproxyd", ACTION=action, INTERFACE=network)
+    def event(self, action: str, network: str, **environment: str) -> None:
+        self.sh(". /etc/hotplug.d/iface/30-dnsproxyd", ACTION=action, INTERFACE=network, **environment)
+
+    def dnsmasq(self, config: str) -> None:
+        """Is enabled, and configured."""
+        (ROOT / "etc/rc.d").mkdir(exist_ok=True)
+        (ROOT / "etc/rc.d/S19dnsmasq").touch()
+        (ROOT / "etc/config/dhcp").write_text(config, "ascii")
 
     def networks(self, lines: dict[str, str]) -> None:
-        """What netifd says: of each network its device and servers; "!" after the device: no default route."""
+        """What netifd says: of each network its device and servers. "!" after the device: no default route, "?": a VPN."""
         interfaces = []
         for name, words in ({"loopback": "lo!", "lan": "br-lan!", "guest": "br-guest!"} | lines).items():
             device, *servers = words.split()
             route = [] if device.endswith("!") else [{"target": "::" if ":" in words else "0.0.0.0", "mask": 0}]
-            up = {"l3_device": device.rstrip("!"), "route": route, "dns-server": servers} if device != "down" else {}
+            proto = "wireguard" if device.endswith("?") else "static"
+            up = {"proto": proto, "l3_device": device.rstrip("!?"), "route": route, "dns-server": servers}
+            up = up if device != "down" else {}
             interfaces.append({"interface": name, "up": device != "down"} | up)
         (ROOT / "tmp/dump.json").write_text(json.dumps({"interface": interfaces}, indent="\t"), "ascii")
 
@@ -183,20 +191,24 @@ LINES = [
     # what is new in it, networks, mwan3's marks, more of the configuration, the lines
     ("none", {}, {}, "", []),
     ("one line, its first two servers", {"wan": f"wan1 {WAN1[0]} {WAN1[0]} {WAN1[1]} 10.9.9.9"}, {}, "",
-     [f"wan wan1 on {WAN1[0]} {WAN1[1]}"]),
+     [f"wan wan1 on {WAN1[0]} {WAN1[1]} ::ffff:{WAN1[0]} ::ffff:{WAN1[1]}"]),
     ("two networks on a device", {"wan": f"wan1 {WAN1[0]}", "wan6": f"wan1 {WAN1[2]} fe80::1%wan1"}, {}, "",
      [f"wan wan1 on {WAN1[0]} {WAN1[2]} fe80::1"]),
     ("no servers, no route, not up", {"wan": "wan1", "vpn": "wan2! 10.0.2.53", "wan3": "down 10.0.3.53"}, {}, "", []),
-    ("chosen", {"wan": "wan1 10.0.1.53", "vpn": "wan2! 10.0.2.53"}, {}, "list line 'vpn'\nlist line 'other'",
-     ["vpn wan2 on 10.0.2.53"]),
-    ("long name", {"wan_of_the_office": "wan1 10.0.1.53"}, {}, "", ["wan1 wan1 on 10.0.1.53"]),
+    ("a VPN", {"wan": "wan1 fd00::1", "vpn": "wan2? 10.0.2.53"}, {}, "", ["wan wan1 on fd00::1"]),
+    ("chosen", {"wan": "wan1 fd00::1", "vpn": "wan2? fd00::2", "iptv": "wan3! fd00::3"}, {},
+     "list line 'vpn'\nlist line 'iptv'\nlist line 'other'", ["vpn wan2 on fd00::2", "iptv wan3 on fd00::3"]),
+    ("long name", {"wan_of_the_office": "wan1 fd00::1"}, {}, "", ["wan1 wan1 on fd00::1"]),
     ("disconnected: IPv6 withdrawn", {"wan": f"wan1 {WAN1[0]}", "wan6": f"wan1 {WAN1[2]}", "wanb": f"wan2 {WAN2[0]}"},
-     {"wan": "disconnected"}, "", [f"wan wan1 off {WAN1[0]}", f"wanb wan2 on {WAN2[0]}"]),
+     {"wan": "disconnected"}, "", [f"wan wan1 off {WAN1[0]}", f"wanb wan2 on {WAN2[0]} ::ffff:{WAN2[0]}"]),
+    ("disconnected, with IPv6 alone", {"wan6": f"wan1 {WAN1[2]}", "wanb": f"wan2 {WAN2[2]}"},
+     {"wan6": "disconnected"}, "", [f"wan6 wan1 off {WAN1[2]}", f"wanb wan2 on {WAN2[2]}"]),
     ("one family disconnected", {"wan": f"wan1 {WAN1[0]}", "wan6": f"wan1 {WAN1[2]}", "wanb": f"wan2 {WAN2[0]}"},
-     {"wan": "disconnected", "wan6": "connected"}, "", [f"wan wan1 on {WAN1[2]}", f"wanb wan2 on {WAN2[0]}"]),
+     {"wan": "disconnected", "wan6": "connected"}, "",
+     [f"wan wan1 on {WAN1[2]}", f"wanb wan2 on {WAN2[0]} ::ffff:{WAN2[0]}"]),
     ("all disconnected", {"wan": f"wan1 {WAN1[0]} {WAN1[2]}", "wanb": f"wan2 {WAN2[0]}"},
      {"wan": "disconnected", "wanb": "disconnected"}, "",
-     [f"wan wan1 off {WAN1[0]} {WAN1[2]}", f"wanb wan2 off {WAN2[0]}"]),
+     [f"wan wan1 off {WAN1[0]} {WAN1[2]}", f"wanb wan2 off {WAN2[0]} ::ffff:{WAN2[0]}"]),
 ]  # fmt: skip
 
 
@@ -230,53 +242,106 @@ def test_vendors_router_is_left_alone(router):
     assert "env DNSPROXYD_DEVICES=lan:br-lan,loopback:lo\n" in router.read("tmp/procd/daemon")
 
 
+DNSMASQ = "config dnsmasq\noption disabled {}\noption port {}\n"
+
 NOT_STARTED = [
-    # configuration, what the log says
-    ("config dnsproxyd 'main'\noption enabled '0'\n", ""),
-    ("config rule 'lan\n", "/etc/config/dns cannot be read"),
+    # its configuration, dnsmasq's, what the log says once
+    ("config dnsproxyd 'main'\noption enabled '0'\n", "", ""),
+    ("config rule 'lan\n", "", "/etc/config/dns cannot be read"),
+    ("", "config dnsmasq\n", "not started: dnsmasq is configured to serve DNS on port 53"),
+    ("", DNSMASQ.format(1, 53) + DNSMASQ.format(0, 53), "not started: dnsmasq is configured"),
+    ("", "config dnsmasq 'x\n", "not started: whether dnsmasq serves DNS is unknown"),
 ]
 
 
-@pytest.mark.parametrize(("config", "says"), NOT_STARTED)
-def test_not_started(router, config, says):
-    router.configure(config)
-    router.init("start")
-    assert router.pid() is None and says in router.read("tmp/log") and bool(says) == bool(router.read("tmp/log"))
+@pytest.mark.parametrize(("config", "dhcp", "says"), NOT_STARTED)
+def test_not_started(router, config, dhcp, says):
+    if config:
+        router.configure(config)
+    if dhcp:
+        router.dnsmasq(dhcp)
+    for _ in range(2):
+        router.init("start")
+    assert router.pid() is None
+    assert router.read("tmp/log").count(says) == 1 if says else not router.read("tmp/log")
+
+
+@contextlib.contextmanager
+def holder(program: str, addresses: list[str]):
+    """This process holds port 53 on the addresses, under another program's name."""
+    name = Path("/proc/self/comm")
+    own = name.read_text("ascii")
+    with contextlib.ExitStack() as sockets:
+        for address in addresses:
+            family = socket.AF_INET6 if ":" in address else socket.AF_INET
+            sockets.enter_context(socket.socket(family, socket.SOCK_DGRAM)).bind((address, 53))
+        name.write_text(program, "ascii")
+        try:
+            yield
+        finally:
+            name.write_text(own, "ascii")
 
 
 @pytest.mark.parametrize("addresses", [["192.168.1.1"], ["::1"], ["127.0.0.1", "::1", "fd00:1::1"]])
 def test_port_is_taken(router, addresses):
-    name = Path("/proc/self/comm")
-    own = name.read_text("ascii")
-    with contextlib.ExitStack() as others:
-        for address in addresses:
-            family = socket.AF_INET6 if ":" in address else socket.AF_INET
-            others.enter_context(socket.socket(family, socket.SOCK_DGRAM)).bind((address, 53))
-        name.write_text("dnsmasq", "ascii")
-        try:
-            router.init("start")
-        finally:
-            name.write_text(own, "ascii")
-        assert router.pid() is None
+    router.dnsmasq(DNSMASQ.format(0, 0))
+    with holder("unbound", addresses):
+        for action in ("start", "devices", "reload"):
+            router.init(action)
+            assert router.pid() is None
     said = router.read("tmp/log")
-    assert said.count(f"not started: UDP port 53 is held by dnsmasq (process {os.getpid()})\n") == 1
-    assert "dhcp.@dnsmasq[0].port=0" in said
+    assert said.count(f"not started: UDP port 53 is held by unbound (process {os.getpid()})\n") == 1
+    router.init("devices")
+    assert router.pid() is None, "an event of a network is no reason to take a port that is free for a moment"
     router.init("reload")
     router.wait_serving()
+
+
+def test_port_is_handed_over(router):
+    """dnsmasq, told to serve no DNS, goes after the start."""
+    router.dnsmasq(DNSMASQ.format(0, 0) + DNSMASQ.format(1, 53))
+    with holder("dnsmasq", ["127.0.0.1", "::1"]):
+        router.init("start")
+        assert router.pid() is not None and not router.serves()
+    router.wait_serving()
+    router.dnsmasq("config dnsmasq\n")
+    router.init("reload")
+    assert router.pid() is None, "it is told to serve DNS again"
+
+
+def test_unreadable_answers_change_nothing(router):
+    router.networks({"wan": f"wan1 {WAN1[0]} {WAN1[2]}"})
+    router.init("start")
+    pid = router.wait_serving()
+    good, before = router.read("etc/config/dns"), router.sh("dnsproxyctl list")
+    router.configure("config rule 'lan\n")
+    for action in ("reload", "devices", "start"):
+        router.init(action)
+    assert router.pid() == pid
+    router.configure(good)
+    for dump in ("", "{\n}\n", "Command failed: Request timed out\n"):
+        (ROOT / "tmp/dump.json").write_text(dump, "ascii")
+        router.event("ifup", "wan")
+        assert router.sh("dnsproxyctl list") == before
+    assert router.read("tmp/log").count("lines stay as they are") == 1
 
 
 def test_reload_starts_anew_only_for_what_is_read_at_start(router):
     router.init("start")
     asked = router.read("tmp/procd/daemon")
     assert re.sub(r"^\w{32} .*\n", "", asked, flags=re.M) == (DATA / "procd.txt").read_text("ascii")
-    assert router.read("tmp/procd/triggers") == f"reload dns dhcp\nraw interface.* 2000 {INIT} reload\n"
+    assert router.read("tmp/procd/triggers") == (
+        f"reload dns dhcp mwan3\nraw interface.* 2000 {INIT} devices\n"
+        "config.change network /usr/lib/dnsproxyd/lines.sh update\n"
+    )
+    assert "command /usr/bin/dnsproxyctl watch" in router.read("tmp/procd/watch")
     first = router.wait_serving()
     router.networks({"wan": "wan1 10.0.1.53"})  # a line is no reason
     router.init("reload")
     assert router.wait_serving() == first
     assert "10.0.1.53" in router.sh("dnsproxyctl addrs"), "it was told"
     router.networks({"lan": "br-guest!"})
-    router.init("reload")
+    router.init("devices")
     second = router.wait_serving()
     assert second != first
     router.networks({"lan": "down"})  # it keeps its device
@@ -358,10 +423,17 @@ def test_service(router, upstreams, client, departures):
         router.networks(wan | {"wanb": f"wan2 {WAN2[1]}"})
         router.event("ifupdate", "wanb")
         assert router.sh("dnsproxyctl -j get wanb") == (
-            f'{{"interface":"wanb","ipv4":["{WAN2[1]}",null],"ipv6":[null,null]}}\n'
+            f'{{"interface":"wanb","ipv4":["{WAN2[1]}",null],"ipv6":["::ffff:{WAN2[1]}",null]}}\n'
         )
         for action, state in (("disconnected", "off"), ("connected", "on")):
             router.event(action, "wanb")  # a state alone, without a change of servers
+            assert bus.states() == {"wan1": "on", "wan2": state}
+
+        router.event("disconnected", "wanb")
+        router.event("disconnected", "wan", MWAN3_SHUTDOWN="1")  # mwan3 ends, and judges no line any more
+        assert bus.states() == {"wan1": "on", "wan2": "on"}
+        for state in ("off", "on"):
+            router.sh(f"/usr/lib/dnsproxyd/lines.sh watched wanb wan2 {state}")
             assert bus.states() == {"wan1": "on", "wan2": state}
 
         router.networks(wan | {"wanb": f"wan3 {WAN2[1]}"})  # as a modem that was plugged in again

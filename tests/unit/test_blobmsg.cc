@@ -189,4 +189,3 @@ TEST(blobmsg, parses_these_bytes)
     }
     EXPECT_GT(rows, 20);
 }
-

@@ -118,22 +118,6 @@ TEST_F(nmpipe, without_a_pipe_or_a_reader_an_open_for_writing_fails_at_once)
     EXPECT_EQ(errno, ENXIO);
 }
 
-TEST_F(nmpipe, an_empty_pipe_holds_up_only_the_reading_mode)
-{
-    create();
-    const int watched = open_end(NMPIPE_READWRITE);
-    char got[240];
-    pollfd p = {.fd = watched, .events = POLLIN, .revents = 0};
-    EXPECT_EQ(poll(&p, 1, 0), 0);
-    EXPECT_EQ(qxcom_nmpipe_read(watched, got, 240), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    const int reader = open_end(NMPIPE_READ);
-    const int writer = open_end(NMPIPE_WRITE);
-    std::thread later([&] { EXPECT_EQ(put(writer, message(240)), 240); });
-    EXPECT_EQ(qxcom_nmpipe_read(reader, got, 240), 240);
-    later.join();
-}
-
 TEST_F(nmpipe, a_pipe_is_its_creators_until_that_process_ends)
 {
     int ready[2];

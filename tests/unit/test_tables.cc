@@ -158,6 +158,10 @@ TEST_F(tables, records_and_timers_outlive_their_tables)
         EXPECT_NE(timer->queue, nullptr);
         ipcom_tmo2_cancel(timer);
     }
+    for (int i = 0; i < 2; i++) {
+        ipcom_list_remove(&entry->link);
+        EXPECT_EQ(dnsproxy_data.cacheList.size, 0) << "a record in no list is left alone";
+    }
     EXPECT_EQ(dnsproxy_cache_init(), 0);
     EXPECT_EQ(dnsproxy_cache_init_v6(), 0);
 }

@@ -258,6 +258,8 @@ protected:
         };
         ubus_add_uloop(ctx);
         EXPECT_TRUE(ctx->sock.registered);
+        EXPECT_EQ(signal(SIGPIPE, SIG_IGN), SIG_IGN) << "a broker that has gone ends nobody";
+        EXPECT_NE(signal(SIGTERM, SIG_DFL), SIG_DFL) << "the loop ends by it";
     }
     void disconnect()
     {
@@ -518,4 +520,3 @@ TEST_F(ubus, answers_to_unusual_messages_and_an_end_at_one_that_is_too_long)
     serve();
     disconnect();
 }
-

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -11,10 +10,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -238,34 +234,6 @@ TEST_F(uci, search_path)
     fs::create_directory(run);
     EXPECT_TRUE(walk(plain.get()).starts_with("error 3"));
     fs::remove(run);
-}
-
-// A writer that holds the exclusive lock finishes first.
-TEST_F(uci, load_waits_for_the_lock)
-{
-    const fs::path path = dir / "dns";
-    spill(path, "config r half");
-    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    struct stat info;
-    ASSERT_EQ(fstat(fd, &info), 0);
-    ASSERT_EQ(flock(fd, LOCK_EX), 0);
-
-    std::thread reader(
-        [&] { EXPECT_EQ(walk(ctx.get()), "package \"dns\"\nsection \"r\" \"whole\" anonymous=0\n"); });
-    const auto waiting = [inode = ":"s + std::to_string(info.st_ino) + " "] {
-        std::ifstream locks("/proc/locks");
-        for (std::string line; std::getline(locks, line);)
-            if (line.find("->") != line.npos && line.find(inode) != line.npos)
-                return true;
-        return false;
-    };
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!waiting() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::yield();
-    EXPECT_TRUE(waiting());
-    spill(path, "config r whole\n");
-    close(fd);
-    reader.join();
 }
 
 std::string repeated(const std::string &text, size_t times)

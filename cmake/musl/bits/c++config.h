@@ -1,4 +1,4 @@
-// libstdc++'s configuration, without what it found in glibc and musl does not have.
+// libstdc++'s configuration without the features of glibc that musl lacks.
 #include_next <bits/c++config.h>
 #undef _GLIBCXX_USE_PTHREAD_COND_CLOCKWAIT
 #undef _GLIBCXX_USE_PTHREAD_MUTEX_CLOCKLOCK

@@ -1,4 +1,4 @@
-// What libstdc++ asks about the system's C library, in the place of the answers for glibc.
+// Replaces what libstdc++ expects to know about glibc.
 #define __GLIBC_PREREQ(major, minor) 0
 
 typedef struct __locale_struct *__locale_t;

@@ -1,27 +1,36 @@
 #!/bin/sh
 # shellcheck shell=dash
 #
-# lines.sh start|update
+# lines.sh start | update | follow | watched NAME DEVICE on|off
 #
 # Shows the daemon this router's lines as netifd and mwan3 see them: /tmp/resolv.conf.auto and /tmp/online/state
 # for one that starts, dnsproxyctl and the bus for one that runs. "update" does nothing before the init script's
 # "start". On a router with zone functions of its own these files are the vendor's, and nothing is done.
+# "follow" runs beside the daemon and updates when servers change on a line that stays up: netifd has no event for
+# that, but writes all servers into its resolver file. "watched" is what dnsproxyctl watch calls.
 #
 # A line is a device. netifd can have several networks on one (wan, wan6), and the daemon takes a device once, so
 # their servers go together under the first one's name. A network counts while it is up, has DNS servers, and has
-# a default route or stands in the list "line" of /etc/config/dns.
+# a default route or stands in the list "line" of /etc/config/dns. A VPN's network counts only in that list:
+# otherwise queries of hosts that are not meant for the tunnel would take it, and queries that are would leave it.
+#
+# A query over IPv6 goes to IPv6 servers only. A line without any gets its IPv4 servers as those too
+# (::ffff:192.0.2.1), since hosts have the router's IPv6 address as their DNS server wherever odhcpd runs.
 #
 # A line whose networks are all down is taken out of the daemon, and its device is off for when it is put in by hand.
 #
 # mwan3 tests networks, the daemon wants to know about devices: a line is off when mwan3 has disconnected a network
 # on it and connected none. Of a line that is on, the disconnected networks' servers are left out. A line that is
 # off keeps its IPv4 servers, for rules that force it and for when all are off; its IPv6 servers, for which the
-# daemon does not look at the state, are left out while another line is on.
+# daemon does not look at the state, are left out while another line is on. A line that dnsproxyctl watch has found
+# dead is off as well.
 #
 # In /var/run/dnsproxyd: "lines" (NAME DEVICE on|off SERVER... per line, as last shown), "devices" (NETWORK DEVICE
-# of all that a network was up on, the latest first), "mwan3/NETWORK" (connected or disconnected).
+# of all that a network was up on, the latest first), "mwan3/NETWORK" (connected or disconnected), "dead/DEVICE".
 
 RUN=/var/run/dnsproxyd
+RESOLVER=/tmp/resolv.conf.d/resolv.conf.auto # netifd's
+VPN_PROTOCOLS=" wireguard amneziawg openvpn openconnect vpnc sstp pptp l2tp gre gretap grev6 grev6tap ipip ip6ip vti vti6 xfrm vxlan vxlan6 tailscale zerotier "
 
 # shellcheck source=/dev/null
 . /lib/functions.sh
@@ -42,6 +51,7 @@ is_line() {
     if [ -n "$chosen" ]; then
         case " $chosen " in *" $1 "*) return 0 ;; *) return 1 ;; esac
     fi
+    case "$VPN_PROTOCOLS" in *" $(ask "$1" .proto) "*) return 1 ;; esac
     [ -n "$(ask "$1" '.route[@.mask=0].target')" ]
 }
 
@@ -52,6 +62,7 @@ candidates() {
         is_line "$name" || continue
         mark=-
         [ ! -e "$RUN/mwan3/$name" ] || read -r mark <"$RUN/mwan3/$name"
+        [ ! -e "$RUN/dead/$device" ] || mark=dead
         # shellcheck disable=SC2046 # one line of all servers
         echo "$name" "$device" "$mark" $(ask "$name" "['dns-server'][*]")
     done
@@ -67,7 +78,7 @@ lines() {
                 name[$2] = length($1) > 15 ? $2 : $1
             }
             if ($3 == "connected") connected[$2]
-            if ($3 == "disconnected") disconnected[$2]
+            if ($3 == "disconnected" || $3 == "dead") disconnected[$2]
         }
         END {
             for (i = 1; i <= devices; i++) {
@@ -82,14 +93,19 @@ lines() {
                 for (k = 4; k <= n; k++) {
                     sub(/%.*/, "", word[k])
                     v6 = index(word[k], ":") > 0
-                    if (v6 && !on[d] && some_on) continue
                     if (seen[d, word[k]]++ || count[d, v6]++ >= 2) continue
-                    servers[d] = servers[d] " " word[k]
+                    servers[d, v6] = servers[d, v6] " " word[k]
                 }
             }
             for (i = 1; i <= devices; i++) {
                 d = device[i]
-                if (d in servers) print name[d], d, (on[d] ? "on" : "off") servers[d]
+                if (!count[d, 1]) {
+                    servers[d, 1] = servers[d, 0]
+                    gsub(/ /, " ::ffff:", servers[d, 1])
+                }
+                # A line with nothing else keeps its IPv6 servers: asking them tells when it is back.
+                if (!on[d] && some_on && count[d, 0]) servers[d, 1] = ""
+                if (count[d, 0] || count[d, 1]) print name[d], d, (on[d] ? "on" : "off") servers[d, 0] servers[d, 1]
             }
         }'
 }
@@ -143,11 +159,29 @@ tell_daemon() {
 tell_bus() {
     local name device state
     states | while read -r name device state; do
-        ubus call dnsproxy update_if "{\"name\":\"$name\",\"dev\":\"$device\",\"status\":\"$state\"}" </dev/null
+        ubus -t 3 call dnsproxy update_if "{\"name\":\"$name\",\"dev\":\"$device\",\"status\":\"$state\"}" </dev/null
     done >/dev/null 2>&1
 }
 
-main() {
+follow() {
+    local now seen=
+    while sleep 5; do
+        now=$(cat "$RESOLVER" 2>/dev/null)
+        # A stopped mwan3 says so only of the lines that it had connected.
+        [ -d /var/run/mwan3 ] || [ ! -d "$RUN/mwan3" ] || now="$now stopped"
+        if [ "$now" != "$seen" ] || [ -e "$RUN/missed" ]; then
+            /usr/lib/dnsproxyd/lines.sh update
+            seen=${now% stopped}
+        fi
+    done
+}
+
+watched() {
+    mkdir -p "$RUN/dead"
+    if [ "$2" = on ]; then rm -f "$RUN/dead/$1"; else : >"$RUN/dead/$1"; fi
+}
+
+update() {
     local bridge chosen dump before="$RUN/lines.before"
     [ "$1" = start ] || [ -e "$RUN/lines" ] || return 0
     config_load dns
@@ -160,8 +194,15 @@ main() {
     mkdir -p "$RUN"
     exec 9>"$RUN/lock"
     flock 9
-    dump=$(ubus call network.interface dump 2>/dev/null)
     touch "$RUN/lines" "$RUN/devices"
+    dump=$(ubus -t 10 call network.interface dump 2>/dev/null)
+    if [ -z "$(jsonfilter -s "$dump" -e '@.interface[*].interface' 2>/dev/null)" ]; then
+        [ -e "$RUN/missed" ] || logger -t dnsproxyd -p daemon.warn "netifd does not tell its networks: lines stay as they are"
+        : >"$RUN/missed"
+        return 0
+    fi
+    rm -f "$RUN/missed"
+    [ -d /var/run/mwan3 ] || rm -rf "$RUN/mwan3"
     cp "$RUN/lines" "$before"
     networks >"$RUN/networks"
     awk '!seen[$0]++' "$RUN/networks" "$RUN/devices" | replace "$RUN/devices"
@@ -172,4 +213,8 @@ main() {
     tell_bus
 }
 
-main "$@"
+case $1 in
+    follow) follow ;;
+    watched) watched "$3" "$4" && update ;;
+    *) update "$1" ;;
+esac
