@@ -30,7 +30,7 @@ from lab.upstream import Upstream
 CYCLE = 15.0  # seconds
 CHANGING, QUIET = 11, 2  # of them
 WARM_UP = 8  # cycles, in which tables, heap and sockets get the size that they keep
-RATE = 400  # queries per second of each host
+RATE = 150  # queries per second of each host
 MOVES_KIB = 192  # by which resident memory moves: three times what the kernel maps around one fault in a file
 CPU_GROWTH = 1.25  # processor time per query, last quarter to first: more than a machine's other work makes of it
 BUS = "/var/run/ubus.sock"

@@ -292,9 +292,12 @@ void start(uint16_t first_id, int log_level)
                  {"loopback", ""},
                  {"GUEST", ""}};
     // Where the configuration store finds it, whichever library it is.
-    std::ofstream file("/etc/config/dns");
-    for (const auto &r : rules)
-        file << std::string("config rule\n option service_if ") + r.name + "\n " + r.options + "\n";
+    [[maybe_unused]] static const bool written = [] {
+        std::ofstream file("/etc/config/dns");
+        for (const auto &r : rules)
+            file << std::string("config rule\n option service_if ") + r.name + "\n " + r.options + "\n";
+        return true;
+    }();
     sys.resolv =
         "#Interface WAN1\nnameserver 1.0.0.0\nnameserver ::1\nnameserver 17.0.0.0\nnameserver ::100\n"
         "#Interface WAN2\nnameserver 2.0.0.0\nnameserver ::2\nnameserver 18.0.0.0\nnameserver ::200\n"

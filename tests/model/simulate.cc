@@ -144,7 +144,7 @@ public:
         if (m.device.empty() || !m.sent)
             return;
         draw d = {seed_ ^ static_cast<uint64_t>(now()) ^ std::hash<std::string>()(m.device) ^
-                  static_cast<uint8_t>(m.to.address[3]) * 77U ^ id};
+                  static_cast<unsigned char>(m.to.address[3]) * 77U ^ id};
         const uint64_t how = d.below(100);
         const int64_t soon = d.between(ms, 200 * ms);
         if (silent_until_ > now() || how < 4)
