@@ -157,6 +157,24 @@ port53 port53_owners()
     return {.ipv4 = owner("/proc/net/udp"), .ipv6 = owner("/proc/net/udp6")};
 }
 
+gid_t group_of(const process &p)
+{
+    char path[32];
+    auto group = static_cast<gid_t>(-1);
+    (void)snprintf(path, sizeof path, "/proc/%d/status", p.pid);
+    FILE *file = p.pid > 0 ? fopen(path, "re") : nullptr;
+    if (file == nullptr)
+        return group;
+    char line[256];
+    unsigned int effective = 0;
+    while (fgets(line, sizeof line, file) != nullptr) {
+        if (sscanf(line, "Gid: %*u %u", &effective) == 1)
+            group = effective;
+    }
+    (void)fclose(file);
+    return group;
+}
+
 process find_daemon()
 {
     folder processes("/proc");

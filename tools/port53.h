@@ -31,4 +31,7 @@ port53 port53_owners();
 // A running daemon, whatever it holds; pid 0 when there is none.
 process find_daemon();
 
+// The group that a process runs in, or -1.
+gid_t group_of(const process &p);
+
 #endif

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <poll.h>
 #include <sys/random.h>
@@ -13,6 +14,7 @@
 #include "command.h"
 #include "core/dns_header.h"
 #include "iface/family.h"
+#include "port53.h"
 
 namespace {
 
@@ -53,6 +55,18 @@ void open_socket(probe *p)
     if (p->fd >= 0)
         (void)close(p->fd);
     p->fd = -1;
+}
+
+// The sockets belong to the group of a daemon that runs, if this user may do so.
+void open_sockets(probe *probes, int count)
+{
+    const gid_t own = getegid();
+    const gid_t daemons = group_of(find_daemon());
+    const bool changed = daemons != static_cast<gid_t>(-1) && daemons != own && setegid(daemons) == 0;
+    for (int i = 0; i < count; i++)
+        open_socket(&probes[i]);
+    if (changed && setegid(own) != 0)
+        abort(); // it was ours a moment ago
 }
 
 void send_unanswered(const probe *probes, int count, const uint8_t *message, size_t length)
@@ -109,8 +123,7 @@ void ask_some(probe *probes, int count, const probe_query *query)
     if (getrandom(&id, sizeof id, GRND_NONBLOCK) != sizeof id)
         id = static_cast<uint16_t>(getpid()); // against mistakes, not against strangers
     dns_set_id(message, id);
-    for (int i = 0; i < count; i++)
-        open_socket(&probes[i]);
+    open_sockets(probes, count);
     const int64_t start = now_ms();
     send_unanswered(probes, count, message, query->length);
     if (collect(probes, count, message, query->length, start + again_after_ms)) {

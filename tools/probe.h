@@ -1,4 +1,5 @@
-// Asks DNS servers directly, each through the device of its line, as the daemon's queries go.
+// Asks DNS servers directly, each through the device of its line and from the daemon's group, by which a
+// firewall may know it: as the daemon's queries go.
 #ifndef TOOLS_PROBE_H
 #define TOOLS_PROBE_H
 

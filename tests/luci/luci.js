@@ -101,7 +101,7 @@ exports.Luci = class {
 	}
 	refresh() {
 		this.clock += 5000;
-		return Promise.all(this.polls.map((poll) => poll()));
+		return Promise.all(this.polls.map((poll) => poll())).then(() => new Promise(setImmediate));
 	}
 	// What LuCI does with the values of a form.
 	save(id, values) {

@@ -123,7 +123,8 @@ function decider(device, state, file, dead) {
 return baseclass.extend({
 	__init__: function() {
 		this.status = null;
-		this.findings = null;
+		this.findings = [];
+		this.reasons = null;
 		this.wasRunning = null;
 		this.programAt = -Infinity;
 		this.dumpAt = -Infinity;
@@ -159,7 +160,6 @@ return baseclass.extend({
 		});
 	},
 
-	/* The reasons belong to one stop of the service: they are asked for once, and again after a minute. */
 	updateProgram: function(statistics, running, now) {
 		const changed = running !== this.wasRunning;
 		const isDue = changed || now - this.programAt >= PROGRAM_INTERVAL_MS;
@@ -167,18 +167,31 @@ return baseclass.extend({
 		if (!isDue || !this.mayRun(statistics, now))
 			return Promise.resolve();
 
+		if (changed)
+			this.findings = [];
+
 		this.wasRunning = running;
 
 		return this.runStatus(statistics, now).then(L.bind(function(status) {
-			if (!status || status.serving !== false) {
-				this.findings = null;
-				return;
+			if (status && status.serving === false)
+				this.askReasons(statistics, now);
+			else
+				this.reasons = null;
+		}, this));
+	},
+
+	/* Takes seconds where servers are silent, so a refresh does not wait for it. */
+	askReasons: function(statistics, now) {
+		const asked = this.runCheck(statistics, now).then(L.bind(function(findings) {
+			if (this.reasons === asked) {
+				this.findings = findings || [];
+				this.reasons = null;
 			}
 
-			return this.runCheck(statistics, now).then(L.bind(function(findings) {
-				this.findings = findings;
-			}, this));
+			return findings || [];
 		}, this));
+
+		this.reasons = asked;
 	},
 
 	/* now: milliseconds of a clock that only goes forward. */
@@ -263,7 +276,8 @@ return baseclass.extend({
 			queries: statistics ? [ statistics.ipv4, statistics.ipv6 ] : null,
 			serving: isTold ? this.status.serving : (running ? null : false),
 			port53: isTold ? this.status.port53 : null,
-			findings: this.findings || [],
+			findings: this.findings,
+			reasons: this.reasons, /* a promise of findings, while they are asked for */
 			lines: lines
 		};
 	},

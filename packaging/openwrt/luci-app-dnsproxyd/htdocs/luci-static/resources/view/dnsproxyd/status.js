@@ -234,7 +234,9 @@ return view.extend({
 	update: function(data) {
 		const devices = {};
 
+		this.data = data;
 		this.updateService(data);
+		this.awaitReasons(data);
 		this.updateNumbers(data);
 		setShown(this.notCounted, data.running && !data.hasStatistics);
 		setShown(this.noLines, data.lines.length == 0);
@@ -268,6 +270,16 @@ return view.extend({
 				this.table.insertBefore(node, previous.nextSibling);
 
 			previous = node;
+		}, this));
+	},
+
+	awaitReasons: function(data) {
+		if (data.reasons == null)
+			return;
+
+		data.reasons.then(L.bind(function(findings) {
+			if (this.data === data)
+				this.updateService(Object.assign(data, { findings: findings }));
 		}, this));
 	},
 
@@ -445,6 +457,8 @@ return view.extend({
 	},
 
 	handleAskAll: function() {
+		dom.content(this.findings, [ E('em', {}, [ _('Asking'), '…' ]) ]);
+
 		return source.askAll(now()).then(L.bind(function(findings) {
 			let children;
 
