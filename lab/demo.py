@@ -139,7 +139,7 @@ class Stage:
     """Everything that a step works with: the lab, the servers behind the lines, the daemon."""
 
     def __init__(self, stack: contextlib.ExitStack):
-        self.lab = stack.enter_context(Lab())
+        self.lab = stack.enter_context(Lab(on_link=True))
         files.write_zone_api()
         files.write_rules(RULES)
         files.write_resolv(files.resolv_of_lines(1, 2, 3))

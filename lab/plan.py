@@ -71,12 +71,13 @@ class Line(NamedTuple):
         return f"up{self.number}"
 
     @property
-    def router4(self) -> str:
-        return f"10.0.{self.number}.1"
+    def link4(self) -> str:
+        """The link's network without its last number; the router is 1 there and the provider's gateway 254."""
+        return f"100.64.{self.number}."
 
     @property
-    def router6(self) -> str:
-        return f"fd00:a:{self.number}::1"
+    def link6(self) -> str:
+        return f"fd00:b:{self.number}::"
 
     @property
     def servers4(self) -> tuple[Server, ...]:

@@ -11,6 +11,10 @@
 Every device, host and server has an IPv6 address too; `plan` lists them. IPv6 addresses are usable
 at once: nothing looks for duplicates. A device that is set down keeps its addresses.
 
+The servers of a line stand beyond its provider's gateway, which answers ARP for its own address only. Each line has
+a default route with a metric of its own. So a query whose route is wrong is lost, as it is on a real line. With
+`on_link` the servers are neighbours of the router instead, for measurements and for tests that set routes themselves.
+
 Lab is a context manager. A sandbox holds one at a time; leaving it removes every device and host.
 """
 
@@ -79,6 +83,9 @@ def _require_sandbox() -> None:
 
 class Lab:
     """Makes all devices and hosts on entry and removes them on exit."""
+
+    def __init__(self, on_link: bool = False):
+        self._on_link = on_link
 
     def __enter__(self) -> "Lab":
         _require_sandbox()
@@ -167,21 +174,48 @@ class Lab:
             [
                 f"link add {line.device} type veth peer name eth0 netns {line.netns}",
                 f"link set {line.device} up",
-                *_router_addresses(line.device, line.router4, line.router6),
+                *self._addresses(line, line.device, 1),
             ]
         )
+        # Of an IPv6 address the kernel speaks on its own link only.
+        netns.set_sysctls({"ipv4/conf/all/arp_ignore": 1}, line.netns)
+        servers = "eth0" if self._on_link else "lo"
+        length4, length6 = (24, 64) if self._on_link else (32, 128)
         netns.ip_batch(
             [
                 "link set lo up",
                 "link set eth0 up",
-                *(f"address add {server.address}/24 dev eth0" for server in line.servers4),
-                *(f"address add {server.address}/64 dev eth0 nodad" for server in line.servers6),
-                f"route add default via {line.router4}",
-                f"route add ::/0 via {line.router6}",
+                *self._addresses(line, "eth0", 254),
+                *(f"address replace {server.address}/{length4} dev {servers}" for server in line.servers4),
+                *(f"address replace {server.address}/{length6} dev {servers} nodad" for server in line.servers6),
+                f"route add default via {line.link4}1",
+                f"route add ::/0 via {line.link6}1",
             ],
             line.netns,
         )
-        _wait_connected(None, line.addresses)
+        self._line_routes(line)
+
+    def _addresses(self, line: plan.Line, device: str, end: int) -> list[str]:
+        """Of one end of a line's link; on_link the router's end is among the servers' addresses."""
+        ours = end == 1 and self._on_link
+        return [
+            f"address add {line.link4}{end}/24 dev {device}",
+            f"address add {line.link6}{end}/64 dev {device} nodad",
+            *([f"address add 10.0.{line.number}.1/24 dev {device}"] if ours else []),
+            *([f"address add fd00:a:{line.number}::1/64 dev {device} nodad"] if ours else []),
+        ]
+
+    def _line_routes(self, line: plan.Line) -> None:
+        """The kernel forgets a device's routes when it goes down."""
+        if not self._on_link:
+            netns.ip_batch(
+                [
+                    f"route replace default via {line.link4}254 dev {line.device} metric {line.number}",
+                    f"route replace ::/0 via {line.link6}254 dev {line.device} metric {line.number}",
+                ]
+            )
+        _wait_connected(None, [f"{line.link4}254", f"{line.link6}254"])
+        _wait_connected(line.netns, [f"{line.link4}1", f"{line.link6}1"])
 
     def line_delete(self, number: int) -> None:
         """Removes a line's device, as pulling out a USB modem does."""
@@ -191,7 +225,7 @@ class Lab:
         """Sets a line's device up or down; it keeps its index and its addresses."""
         netns.ip_batch([f"link set {LINES[number].device} {'up' if up else 'down'}"])
         if up:
-            _wait_connected(None, LINES[number].addresses)
+            self._line_routes(LINES[number])
 
     def line_rename(self, number: int, name: str) -> None:
         """Gives a line's device another name; `link_rename`, the other way round, undoes it."""
@@ -199,5 +233,9 @@ class Lab:
 
     @staticmethod
     def link_rename(old: str, new: str) -> None:
-        """Renames any device of the router; it is down for a moment, as the kernel demands."""
-        netns.ip_batch([f"link set {old} down", f"link set {old} name {new}", f"link set {new} up"])
+        """Renames any device of the router; it is down for a moment, as the kernel demands, and keeps its routes."""
+        routes = []
+        for family, everywhere in ((4, "0.0.0.0/0"), (6, "::/0")):
+            shown = netns.run(None, ["ip", f"-{family}", "route", "show", "default", "dev", old]).stdout
+            routes += [f"route add {r.replace('default', everywhere)} dev {new}" for r in shown.splitlines()]
+        netns.ip_batch([f"link set {old} down", f"link set {old} name {new}", f"link set {new} up", *routes])

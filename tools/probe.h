@@ -32,7 +32,7 @@ struct probe_query {
 };
 
 // Fills `probes` with the servers of a line, SERVERS_MOST at most; their number.
-int probes_of(const line_table *table, int number, probe *probes);
+int probes_of(const line_table *table, int line, probe *probes);
 
 // Asks all of them, once more after a second, and waits up to three seconds for the answers, whatever they
 // say. Ends as soon as all have answered.

@@ -16,6 +16,7 @@ import pytest
 from lab import files, netns, plan, wait
 from lab.broker import Broker
 from lab.daemon import TOP, Daemon
+from lab.router import Lab
 from lab.upstream import silent
 
 RULES = [{"name": "lan", "service_if": "LAN"}]
@@ -47,6 +48,13 @@ def servers_of(ifname: str) -> tuple[str | None, ...]:
     found = answer(f"get {ifname}")
     assert found.keys() == {"interface", "ipv4", "ipv6"} and found["interface"] == ifname
     return (*found["ipv4"], *found["ipv6"])
+
+
+@pytest.fixture(scope="module")
+def lab():
+    """The servers are on the link: the tests of routes make each route that there is."""
+    with Lab(on_link=True) as lab:
+        yield lab
 
 
 @pytest.fixture

@@ -17,7 +17,7 @@ from pathlib import Path
 import programs
 import pytest
 
-from lab import daemon, files, plan, wait
+from lab import daemon, files, netns, plan, wait
 from lab.broker import Broker, Caller
 from lab.daemon import TOP, Daemon
 
@@ -264,6 +264,7 @@ def test_not_started(router, config, dhcp, says):
         router.init("start")
     assert router.pid() is None
     assert router.read("tmp/log").count(says) == 1 if says else not router.read("tmp/log")
+    assert router.read("tmp/procd/triggers"), "a change of the configuration starts it"
 
 
 @contextlib.contextmanager
@@ -472,3 +473,45 @@ def test_capabilities_are_enough(lab, upstreams, client, tmp_path):
         for family in (4, 6):
             assert client("g1", family=family).ask() is not None
         run(programs.path("tools/dnsproxyctl"), "set", "WAN1", "192.0.2.1")
+
+
+MASK, GROUP = 0x3F00, 32768
+POLICY = f"""table inet marks {{
+    chain output {{
+        type route hook output priority mangle
+        meta mark and {MASK} == 0 udp dport 53 meta mark set 0x200
+    }}
+}}"""
+
+
+def test_marks_of_a_policy_router(lab, upstreams, client, tmp_path):
+    """The policy marks what the router sends for the second line, and a mark of all bits passes it by, as in mwan3."""
+    if subprocess.run(["nft", "-f", "-"], input=POLICY, text=True, check=False).returncode != 0:
+        pytest.skip("this kernel has no nftables")
+    files.write("/lib/functions.sh", f"group_add_next() {{ echo {GROUP}; }}\n")
+    files.write("/etc/config/mwan3", "")
+    programs.install("/usr/bin/uci", f"echo {MASK:#x}\n")
+    grouped = tmp_path / "grouped"
+    grouped.write_text(f"#!/bin/sh\nexec setpriv --regid={GROUP} --clear-groups {daemon.binary()}\n", "ascii")
+    grouped.chmod(0o755)
+    gateways = [plan.LINES[2].link4 + "254", plan.LINES[2].link6 + "254"]
+    rules = [f"rule add pref 2001 fwmark 0x200/{MASK:#x} lookup 102",
+             f"rule add pref 3001 fwmark 0x200/{MASK:#x} unreachable"]  # fmt: skip
+    routes = [f"route add default via {gateways[0]} dev wan2 table 102",
+              f"route add ::/0 via {gateways[1]} dev wan2 table 102"]  # fmt: skip
+    netns.ip_batch([*routes, *rules])
+    files.write_rules([{"service_if": "GUEST", "force_if": "on", "out_if": "WAN1"}])
+    files.write_resolv(files.resolv_of_lines(1, 2))
+    netfilter = PACKAGE / "files/netfilter.sh"
+    try:
+        with Daemon(str(grouped)):
+            assert client("g1").ask(timeout=0.5) is None, "the policy leads it past the line's gateway"
+        run(netfilter, "set", "0")
+        with Daemon(str(grouped)):
+            for family in (4, 6):
+                assert client("g1", family=family).ask() is not None
+        run(netfilter, "clear")
+        assert "dnsproxyd" not in run("nft", "list", "ruleset")
+    finally:
+        netns.ip_batch(command.replace(" add ", " del ") for command in [*rules, *routes])
+        run("nft", "flush", "ruleset")

@@ -28,12 +28,12 @@ rules_for_nft() {
     echo "table inet dnsproxyd
     delete table inet dnsproxyd
     table inet dnsproxyd {"
-    [ "$mask" = 0 ] || echo "chain mark {
+    [ "$mask" = 0 ] || echo "chain own_queries {
         type route hook output priority mangle - 1
         meta skgid $gid udp dport 53 meta mark set meta mark | $mask
     }"
     for device; do list="$list${list:+, }\"$device\""; done
-    [ -z "$list" ] || echo "chain names {
+    [ -z "$list" ] || echo "chain local_names {
         type nat hook prerouting priority dstnat - 1
         iifname { $list } fib daddr type local meta l4proto { tcp, udp } th dport 53 redirect to :$port
     }"
