@@ -166,10 +166,13 @@ gid_t group_of(const process &p)
     if (file == nullptr)
         return group;
     char line[256];
-    unsigned int effective = 0;
+    // "Gid:", then the real group, then the effective one.
     while (fgets(line, sizeof line, file) != nullptr) {
-        if (sscanf(line, "Gid: %*u %u", &effective) == 1)
-            group = effective;
+        char *effective = line + sizeof "Gid:" - 1;
+        if (strncmp(line, "Gid:", sizeof "Gid:" - 1) == 0) {
+            (void)strtoul(effective, &effective, 10);
+            group = static_cast<gid_t>(strtoul(effective, nullptr, 10));
+        }
     }
     (void)fclose(file);
     return group;
