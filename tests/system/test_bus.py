@@ -235,8 +235,8 @@ def test_a_bus_that_dies_again_and_again(bus, start, fast_clock, upstreams, clie
     assert bus.registered == [OBJECT, STATISTICS] * (1 + restarts)
 
 
-def test_statistics_lost_or_refused_change_nothing_else(bus, start, upstreams):
-    start(RULES, one_server(1))
+def test_statistics_lost_or_refused_change_nothing_else(bus, start, fast_clock, upstreams):
+    start(RULES, one_server(1), environment=fast_clock)
     bus.wait_for(STATISTICS)
     bus.drop(STATISTICS)
     bus.wait_for(STATISTICS)
