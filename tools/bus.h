@@ -1,12 +1,12 @@
-// Calls of methods on the router's message bus, by the bus's own command line program. A call is a process
-// of its own, which is ended when it takes longer than it may: a bus that is silent holds up nobody.
+// Calls of methods on the router's message bus, by the bus's command line program. Each call is a process
+// that is killed at a time limit, so a silent bus cannot stop the caller.
 #ifndef TOOLS_BUS_H
 #define TOOLS_BUS_H
 
 enum class bus_result {
     done,
     no_bus,    // it cannot be reached, or its program is not there
-    no_object, // nobody offers the object, or not this method
+    no_object, // the object or the method is not registered
     refused,   // to this user
     silent,    // no answer in time
     failed,    // any other way

@@ -34,7 +34,7 @@ Commands:
   list                  show the devices that have IPv4 servers
   addrs                 show all IPv4 servers
   get IF                show the servers of an interface
-  set IF [SERVER...]    change servers of an interface; what is not given stays
+  set IF [SERVER...]    change servers of an interface; others are kept
   add IF SERVER...      make an interface
   put IF SERVER...      change the interface if it is there, else make it
   del IF                delete an interface

@@ -5,7 +5,7 @@
 #include <sys/types.h>
 
 struct process {
-    pid_t pid; // 0: nobody; -1: somebody whom this user may not see
+    pid_t pid; // 0: no process; -1: one that this user may not see
     char name[16];
 
     [[nodiscard]] bool is_daemon() const;
