@@ -96,8 +96,10 @@ void find_port_owner(doctor *d, const char *families, const process &owner)
 {
     d->find("UDP port 53 over %s belongs to %s (process %d)", families, owner.name, owner.pid);
     if (strcmp(owner.name, "dnsmasq") == 0)
-        d->remedy("uci set dhcp.@dnsmasq[0].port=0 && uci add_list dhcp.lan.dhcp_option=6,0.0.0.0 &&"
-                  " uci commit dhcp && reload_config, then restart dnsproxyd");
+        d->remedy(
+            "run dnsproxy-setup apply; where that is not installed: uci set dhcp.@dnsmasq[0].port=0 &&"
+            " uci add_list dhcp.lan.dhcp_option=6,0.0.0.0 && uci commit dhcp && reload_config, then restart"
+            " dnsproxyd");
     else
         d->remedy("stop that program or give it another port, then restart dnsproxyd");
 }
