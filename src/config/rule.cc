@@ -5,14 +5,22 @@
 
 namespace {
 
-constexpr struct {
-    const char *option;
-    const char *dnsproxy_rule::*value;
-} options[] = {
-    {"name", &dnsproxy_rule::name},         {"service_if", &dnsproxy_rule::service_if},
-    {"out_if", &dnsproxy_rule::out_if},     {"force_if", &dnsproxy_rule::force_if},
-    {"out_type", &dnsproxy_rule::out_type},
-};
+// The place of an option's value in a rule; nullptr for an option that a rule does not have.
+const char **value_in(dnsproxy_rule *r, const char *option)
+{
+    const struct {
+        const char *option;
+        const char **value;
+    } known[] = {
+        {"name", &r->name},         {"service_if", &r->service_if}, {"out_if", &r->out_if},
+        {"force_if", &r->force_if}, {"out_type", &r->out_type},
+    };
+    for (const auto &each : known) {
+        if (strcmp(option, each.option) == 0)
+            return each.value;
+    }
+    return nullptr;
+}
 
 // The type comes first: string and list share their memory.
 const char *value_of(const uci_option *option)
@@ -56,19 +64,15 @@ dnsproxy_rule dnsproxy_rule_read(uci_section *section)
     uci_element *e = nullptr;
     uci_foreach_element(&section->options, e)
     {
-        for (const auto &known : options) {
-            if (strcmp(e->name, known.option) == 0)
-                r.*known.value = value_of(uci_to_option(e));
-        }
+        const char **value = value_in(&r, e->name);
+        if (value != nullptr)
+            *value = value_of(uci_to_option(e));
     }
     return r;
 }
 
 bool dnsproxy_rule_knows(const char *option)
 {
-    for (const auto &known : options) {
-        if (strcmp(option, known.option) == 0)
-            return true;
-    }
-    return false;
+    dnsproxy_rule r = {};
+    return value_in(&r, option) != nullptr;
 }
