@@ -224,12 +224,12 @@ class Upstream:
 
     def close(self) -> None:
         """Closes the sockets; what arrived stays readable, what is still due is not sent."""
-        sockets, self._sockets = self._sockets, {}
 
         def leave() -> None:
-            for sock in sockets.values():
+            for sock in self._sockets.values():
                 self._loop.remove(sock)
                 sock.close()
+            self._sockets.clear()
 
         self._loop.call(leave)
 
