@@ -145,20 +145,22 @@ class Client:
         outstanding: int = 64,
         ports: int = 8,
         rate: float | None = None,
-        timeout: float = 2.0,
+        unanswered: int = 0,
+        timeout: float = wait.PATIENCE,
         qtype: str = "A",
     ) -> Bulk:
         """Sends `count` queries, at most `outstanding` of them unanswered at any time.
 
-        A query without reply after `timeout` seconds is lost and makes room for the next. `rate`
-        limits the queries sent per second. Where every reply counts, keep at most 128 outstanding:
-        a socket of the daemon holds 256 datagrams, and a query in fixed mode brings two replies.
-        With more than 256 replies of the free choice can be dropped by design.
+        A query without reply after `timeout` seconds is lost and makes room for the next. The run
+        ends without the last `unanswered`, when servers ignore so many. `rate` limits the queries
+        sent per second. Where every reply counts, keep at most 128 outstanding: a socket of the
+        daemon holds 256 datagrams, and a query in fixed mode brings two replies. With more than 256
+        replies of the free choice can be dropped by design.
         """
         if not 0 < outstanding <= 256:
             raise ValueError("outstanding must be 1 to 256")
         run = _BulkRun(self, count, outstanding, ports, qtype)
-        return run.drive(rate, timeout)
+        return run.drive(rate, unanswered, timeout)
 
     def _draw(self, count: int, ports: int) -> list[tuple[int, int]]:
         """Random pairs of port and identifier, spread over several ports and never used before."""
@@ -198,7 +200,7 @@ class _BulkRun:
             self._by_fd[sock.fileno()] = (port, sock)
             self._epoll.register(sock, select.EPOLLIN)
 
-    def drive(self, rate: float | None, timeout: float) -> Bulk:
+    def drive(self, rate: float | None, unanswered: int, timeout: float) -> Bulk:
         result, flying = self.result, self._flying
         started = now = time.monotonic()
         for number, (port, ident, data) in enumerate(self._queries):
@@ -215,9 +217,10 @@ class _BulkRun:
             result.sent += 1
             if number % 16 == 0:
                 self._receive(0)
-        while flying:
+        while len(flying) > unanswered:
             self._receive(0.05)
             self._expire(timeout)
+        result.lost += len(flying)
         result.seconds = time.monotonic() - started
         self._epoll.close()
         return result

@@ -16,6 +16,8 @@ import time
 from dataclasses import dataclass
 from typing import NamedTuple
 
+from lab import wait
+
 FOLDER = "/var/run/nmpipe"
 REQUEST_PIPE = "dnsproxypublicrecvpipe"
 LARGEST_MESSAGE = 4096
@@ -131,7 +133,7 @@ class ReplyPipe:
         with contextlib.suppress(FileNotFoundError):
             os.unlink(self.path)
 
-    def receive(self, timeout: float = 10.0) -> bytes:
+    def receive(self, timeout: float = wait.PATIENCE) -> bytes:
         """The next message; TimeoutError when none comes."""
         if not select.select([self.fd], [], [], timeout)[0]:
             raise TimeoutError(f"no reply after {timeout:g} s")
@@ -145,7 +147,7 @@ class ReplyPipe:
                 messages.append(os.read(self.fd, LARGEST_MESSAGE))
         return messages
 
-    def receive_reply(self, timeout: float = 10.0) -> Reply:
+    def receive_reply(self, timeout: float = wait.PATIENCE) -> Reply:
         """The next reply, with the list that belongs to it."""
         deadline = time.monotonic() + timeout
         raw = self.receive(timeout)
@@ -161,7 +163,7 @@ class ReplyPipe:
         return Reply(message, raw, trailing)
 
 
-def exchange(request: Message, timeout: float = 10.0) -> Reply:
+def exchange(request: Message, timeout: float = wait.PATIENCE) -> Reply:
     """Sends a request and waits for its reply. Fills in `pipe_name`."""
     with ReplyPipe() as pipe:
         request.pipe_name = pipe.name.encode()

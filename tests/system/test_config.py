@@ -55,11 +55,11 @@ def test_recorded_files(lab, path):
 @pytest.mark.parametrize(
     "rules, resolv, expected",
     [
-        (LAN_RULE * 1000, None, LAN),
+        (LAN_RULE * 300, None, LAN),
         (LAN_RULE, "#Interface WAN1\n" + "x" * 10_000_000 + "\nnameserver 10.0.1.53\n", LAN + LINE1),
         (LAN_RULE, WAN1 + "nameserver 10.0.1.54\n" * 500_000, LAN + LINE1.replace("0.0.0.0", "10.0.1.54")),
     ],
-    ids=("a thousand rules", "10 MB in a line", "10 MB in lines"),
+    ids=("many rules", "10 MB in a line", "10 MB in lines"),
 )
 def test_huge_files(lab, rules, resolv, expected):
     assert tables_of(rules, resolv) == expected

@@ -28,7 +28,7 @@ def ctl(command: str, **options) -> subprocess.CompletedProcess:
     """Runs the program with the words of a command line."""
     program = programs.path("tools/dnsproxyctl")
     options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE} | options
-    return subprocess.run([program, *command.split()], text=True, check=False, timeout=30, **options)
+    return subprocess.run([program, *command.split()], text=True, check=False, timeout=wait.PATIENCE, **options)
 
 
 def answer(command: str):
@@ -549,7 +549,8 @@ def test_check_tells_who_has_the_port(lab, upstreams, families, told):
         name = Path("/proc/self/comm").read_text(encoding="ascii").strip()
         holder = f"UDP port 53 over {told} belongs to {name} (process {os.getpid()})"
         assert findings() == [holder]
-        with Daemon(serving=False):
+        with Daemon(serving=False) as proxy:
+            wait.until(lambda: proxy.output().endswith("\nEnd\n\n"), "the start-up dump")
             status = ctl("status")
             assert (status.returncode, status.stdout.splitlines()[0]) == (REFUSED, "serving: no")
             assert findings() == [holder]

@@ -20,7 +20,7 @@ COMMAND = re.compile(r"^(router(?=#)|\w+(?=\$))[#$] (.*)$")
 
 def run(prompt: str, command: str) -> str:
     """What a command prints, with process numbers that do not change."""
-    result = netns.run(None if prompt == "router" else prompt, ["sh", "-c", command], timeout=30)
+    result = netns.run(None if prompt == "router" else prompt, ["sh", "-c", command], timeout=wait.PATIENCE)
     return re.sub(r"process \d+", "process 812", result.stdout + result.stderr)
 
 

@@ -31,7 +31,7 @@ WAN1, WAN2 = plan.LINES[1].addresses, plan.LINES[2].addresses
 
 
 def run(*argv, **options) -> str:
-    return subprocess.run(argv, check=True, capture_output=True, text=True, timeout=60, **options).stdout
+    return subprocess.run(argv, check=True, capture_output=True, text=True, timeout=wait.PATIENCE, **options).stdout
 
 
 def needed_libraries(program: Path) -> list[str]:
@@ -102,7 +102,7 @@ class Router:
             env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"} | environment,
             text=True,
             check=False,
-            timeout=60,
+            timeout=wait.PATIENCE,
         ).stdout
 
     def init(self, action: str) -> None:
@@ -451,7 +451,7 @@ def test_service(router, upstreams, client, departures):
         assert guest.ask() is not None
 
     with subprocess.Popen(["chroot", ROOT, INIT, "stop"]):
-        wait.until(lambda: router.pid() is None, "the daemon to end", timeout=1.0)
+        wait.until(lambda: router.pid() is None, "the daemon to end")
     assert not router.sh("grep -h ':0035 ' /proc/net/udp /proc/net/udp6")
     (ROOT / RESOLVER).unlink()
     router.event("ifup", "wan")

@@ -60,7 +60,7 @@ def library_outcome(output: bytes) -> Outcome:
 
 def by_library(request: Message) -> Outcome:
     with library_call() as process:
-        output, _ = process.communicate(request.pack(), timeout=30)
+        output, _ = process.communicate(request.pack(), timeout=wait.PATIENCE)
     assert process.returncode == 0
     return library_outcome(output)
 
@@ -284,6 +284,6 @@ def test_clients_at_once_while_queries_flow(start, upstreams, client, call):
 
     with leaves_nothing(daemon), ThreadPoolExecutor(8) as pool:
         answers = pool.map(ask, range(100))
-        run = host.bulk(1000, rate=2000, outstanding=64, timeout=wait.PATIENCE)
+        run = host.bulk(1000, rate=2000, outstanding=64)
         assert all(answers)
     assert (run.answered, run.duplicates, run.wrong_ident, run.wrong_question) == (1000, 0, 0, 0)

@@ -34,7 +34,7 @@ class Watch:
         return LOG.read_text(encoding="ascii").splitlines()[1:]
 
     def wait_for(self, line: str, count: int = 1) -> None:
-        wait.until(lambda: self.said().count(line) >= count, f"{line!r} in {self.said()}", timeout=40)
+        wait.until(lambda: self.said().count(line) >= count, f"{line!r} in {self.said()}")
 
     def stop(self) -> int:
         self.process.send_signal(signal.SIGTERM)
@@ -70,7 +70,7 @@ def rounds(upstream, count: int) -> None:
     """Waits until a server has been asked that many times more."""
     server = upstream.servers[0]
     before = len(upstream.at(server))
-    wait.until(lambda: len(upstream.at(server)) >= before + count, "the rounds", timeout=40)
+    wait.until(lambda: len(upstream.at(server)) >= before + count, "the rounds")
 
 
 OFF = "line WAN1 (wan1) is off: no server answered in 3 rounds"
@@ -82,18 +82,19 @@ def test_a_line_dies_and_comes_back(watch, bus, upstreams, client):
 
     def asks_with_retries() -> bool:
         ident, port = host.fresh_ident(0), host.open()
-        return any(host.ask(ident=ident, port=port, timeout=0.5) is not None for _ in range(5))
+        patience = (*[0.5] * 4, wait.PATIENCE)
+        return any(host.ask(ident=ident, port=port, timeout=seconds) is not None for seconds in patience)
 
     rounds(upstreams[1], 3)
     upstreams[1].answer_with(silent)
     answered = []
-    wait.until(lambda: answered.append(asks_with_retries()) or OFF in watch.said(), OFF, timeout=40)
+    wait.until(lambda: answered.append(asks_with_retries()) or OFF in watch.said(), OFF)
     assert states(bus) == {"wan1": "off", "wan2": "on"}
     assert watch.said() == [OFF]
     # Off, it is passed over: no query is lost.
     assert host.bulk(50).answered == 50
     upstreams[1].answer_with(answer)
-    wait.until(lambda: answered.append(asks_with_retries()) or ON in watch.said(), ON, timeout=40)
+    wait.until(lambda: answered.append(asks_with_retries()) or ON in watch.said(), ON)
     assert states(bus) == {"wan1": "on", "wan2": "on"}
     assert all(answered)
     hooked = "now WAN1 wan1 off\nnow WAN1 wan1 on\n"
@@ -130,7 +131,7 @@ def test_daemon_and_bus_start_again(watch, bus, upstreams):
     watch.daemon.stop()
     watch.wait_for("dnsproxyd cannot be asked, waiting for it: dnsproxyd offers nothing of the kind on the bus")
     with Daemon():
-        wait.until(lambda: states(bus).get("wan1") == "off", "the state that the daemon has forgotten", timeout=40)
+        wait.until(lambda: states(bus).get("wan1") == "off", "the state that the daemon has forgotten")
         assert watch.process.poll() is None
 
 
