@@ -8,16 +8,16 @@ The environment variable DNSPROXYD names another binary than the release build, 
 """
 
 import contextlib
-import os
 import re
 from signal import SIGTERM
 
 import programs
 import pytest
+from clock import Clock
 
 from lab import files, plan
 from lab.client import Client
-from lab.daemon import Daemon, binary
+from lab.daemon import Daemon
 from lab.router import Lab
 from lab.sniffer import Sniffer
 from lab.upstream import Upstream
@@ -72,15 +72,16 @@ def client(lab):
 
 
 @pytest.fixture
-def fast_clock():
-    """The environment of a daemon whose clock runs thirty times as fast."""
-    library = programs.path("tests/fast_clock.so")
-    if not os.path.exists(library) or not binary().endswith("/dnsproxyd"):
-        pytest.skip("this build's programs take no library of the machine's")
-    return {
-        "LD_PRELOAD": library,
-        "ASAN_OPTIONS": "verify_asan_link_order=0:" + os.environ.get("ASAN_OPTIONS", ""),
-    }
+def fast_bus():
+    """The environment of a daemon whose waits for the bus are thirty times as short."""
+    return programs.with_clock()
+
+
+@pytest.fixture
+def clock():
+    """The clock of daemons that get its environment: it stands."""
+    with Clock() as clock:
+        yield clock
 
 
 @pytest.fixture

@@ -3,12 +3,23 @@
 import os
 from pathlib import Path
 
+import pytest
+
 from lab import daemon, files
 
 
 def path(relative: str) -> str:
     """A file of that build, by its path in the build folder: `tools/dnsproxyctl`."""
     return str(Path(daemon.binary()).resolve().parent.parent / relative)
+
+
+def with_clock(clock: str | None = None) -> dict[str, str]:
+    """The environment of a program with a clock of tests/system/test_clock.c."""
+    library = path("tests/test_clock.so")
+    if not os.path.exists(library) or not daemon.binary().endswith("/dnsproxyd"):
+        pytest.skip("this build's programs take no library of the machine's")
+    options = "verify_asan_link_order=0:" + os.environ.get("ASAN_OPTIONS", "")
+    return {"LD_PRELOAD": library, "ASAN_OPTIONS": options} | ({"CLOCK": clock} if clock else {})
 
 
 def install(path: str, script: str) -> None:

@@ -38,8 +38,8 @@ def answer(command: str):
     return json.loads(result.stdout)
 
 
-def refused(command: str, status: int, error: str) -> None:
-    result = ctl(command)
+def refused(command: str, status: int, error: str, **options) -> None:
+    result = ctl(command, **options)
     assert (result.returncode, result.stdout) == (status, ""), command
     assert result.stderr.splitlines()[0] == f"dnsproxyctl: {error}", command
 
@@ -218,8 +218,8 @@ def test_completion(lab):
         assert result.stdout.split() == words, line
 
 
-def unreachable(command: str, reason: str) -> None:
-    refused(command, UNREACHABLE, f"{reason} (-9001)")
+def unreachable(command: str, reason: str, **options) -> None:
+    refused(command, UNREACHABLE, f"{reason} (-9001)", **options)
 
 
 def test_no_daemon(lab):
@@ -248,12 +248,13 @@ def test_another_user_is_told_so(router):
 
 
 def test_a_daemon_that_is_stuck(daemon):
-    """Nothing waits longer than ten seconds."""
+    """Nothing waits longer than ten seconds, which end early here."""
+    impatient = {"env": os.environ | programs.with_clock("fast")}
     os.kill(daemon.pid, signal.SIGSTOP)
     try:
-        unreachable("list", "dnsproxyd did not answer in time")
-        status = ctl("status")
-        assert (status.returncode, json.loads(ctl("status -j").stdout)["lines"]) == (UNREACHABLE, None)
+        unreachable("list", "dnsproxyd did not answer in time", **impatient)
+        status = ctl("status", **impatient)
+        assert (status.returncode, json.loads(ctl("status -j", **impatient).stdout)["lines"]) == (UNREACHABLE, None)
         assert "dnsproxyd did not answer in time" in status.stderr
         with contextlib.suppress(BlockingIOError):
             while True:
