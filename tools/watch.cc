@@ -42,7 +42,7 @@ struct watcher {
     probe_query query;
     line_opinion *lines;
     int count;
-    int64_t daemon_start; // seconds of the clock, 0: not known
+    int64_t daemon_start; // no later than this, milliseconds of the clock; 0: not known
     bool away;            // the daemon could not be asked
 };
 
@@ -116,19 +116,20 @@ void match_lines(watcher *w, line_table *table)
     }
 }
 
-// A daemon that was started anew has forgotten the states.
-void note_start(watcher *w, uint64_t uptime)
+// A daemon that was started anew has forgotten the states. Its answer can take seconds, so its whole seconds
+// of uptime since it was asked only bound its start.
+void note_start(watcher *w, uint64_t uptime, int64_t asked_at)
 {
     if (uptime == json_unknown)
         return;
-    const int64_t start = now_ms() / 1000 - static_cast<int64_t>(uptime);
-    if (w->daemon_start != 0 && start > w->daemon_start + 2) {
+    const int64_t uptime_ms = static_cast<int64_t>(uptime) * 1000;
+    if (w->daemon_start != 0 && asked_at - uptime_ms - 1000 > w->daemon_start) {
         for (int i = 0; i < w->count; i++) {
             w->lines[i].applied = w->lines[i].opinion == link_state::unknown;
             w->lines[i].sent = 0;
         }
     }
-    w->daemon_start = start;
+    w->daemon_start = now_ms() - uptime_ms;
 }
 
 const char *text_of(link_state state)
@@ -270,8 +271,9 @@ bool read_lines(watcher *w, line_table *table)
 void do_round(watcher *w)
 {
     line_table table;
+    const int64_t asked_at = now_ms();
     if (read_lines(w, &table)) {
-        note_start(w, table.uptime);
+        note_start(w, table.uptime, asked_at);
         match_lines(w, &table);
         ask_lines(w, table);
         bool all_applied = true;
