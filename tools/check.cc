@@ -86,7 +86,7 @@ void doctor::remedy(const char *text, ...)
 {
     va_list values;
     va_start(values, text);
-    fputs(form == format::json ? ",\"remedy\":" : "; ", stdout);
+    fputs(form == format::json ? ",\"remedy\":" : "\n    ", stdout);
     print(text, values);
     fputs(form == format::json ? "}" : "\n", stdout);
     va_end(values);

@@ -4,7 +4,7 @@
 
 #include "command.h"
 
-// Prints one line per finding to standard output, or all of them as one JSON document.
+// Prints each finding with its remedy to standard output, or all of them as one JSON document.
 int run_check(const invocation &given);
 
 #endif

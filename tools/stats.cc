@@ -12,46 +12,53 @@
 namespace {
 
 constexpr const char *families[FAMILIES] = {"IPv4", "IPv6"};
-constexpr int wide = 10; // of a column of numbers
 
-void put_number(uint64_t n)
+// Columns of numbers. The second table is as wide as a terminal.
+constexpr int wide = 10; // in the first table
+constexpr int wide_queries = 9;
+constexpr int wide_answered = 8;
+constexpr int wide_lost = 8;
+constexpr int wide_ms = 7;
+constexpr int wide_name = 36;
+
+void put_number(uint64_t n, int width)
 {
     if (n == json_unknown)
-        printf(" %*s", wide, "?");
+        printf(" %*s", width, "?");
     else
-        printf(" %*llu", wide, static_cast<unsigned long long>(n));
+        printf(" %*llu", width, static_cast<unsigned long long>(n));
 }
 
 // A number, or that many per second of an interval.
-void put_count(uint64_t n, double seconds)
+void put_count(uint64_t n, double seconds, int width)
 {
     if (n == json_unknown || seconds <= 0)
-        put_number(n);
+        put_number(n, width);
     else
-        printf(" %*.1f", wide, static_cast<double>(n) / seconds);
+        printf(" %*.1f", width, static_cast<double>(n) / seconds);
 }
 
 void put_share(int share)
 {
     if (share < 0)
-        printf(" %*s", wide, "-");
+        printf(" %*s", wide_answered, "-");
     else
-        printf(" %*.1f%%", wide - 1, share / 10.0);
+        printf(" %*.1f%%", wide_answered - 1, share / 10.0);
 }
 
 void put_ms(double ms)
 {
     if (ms < 0)
-        printf(" %*s", wide, "-");
+        printf(" %*s", wide_ms, "-");
     else
-        printf(" %*.1f", wide, ms);
+        printf(" %*.1f", wide_ms, ms);
 }
 
 void put_answers(uint64_t asked, uint64_t answered, const reply_times &times, double seconds)
 {
     const bool known = asked != json_unknown && answered != json_unknown;
     put_share(share_of(answered, asked));
-    put_count(known ? asked - (answered < asked ? answered : asked) : json_unknown, seconds);
+    put_count(known ? asked - (answered < asked ? answered : asked) : json_unknown, seconds, wide_lost);
     put_ms(mean_ms(times));
     put_ms(percentile_ms(times, 95));
     putchar('\n');
@@ -86,6 +93,15 @@ bool has_server(const family_numbers &family)
     return false;
 }
 
+// The longest addresses have a row of their own.
+void put_address(const char *address)
+{
+    const printable text(address);
+    printf("  %-*s", wide_name - 2, text.text);
+    if (strlen(text.text) > size_t{wide_name - 2})
+        printf("\n%*s", wide_name, "");
+}
+
 // `seconds` is that of the interval that the numbers are of; 0: since the start.
 void put_line(const line_numbers &line, double seconds)
 {
@@ -93,14 +109,14 @@ void put_line(const line_numbers &line, double seconds)
         const family_numbers &family = line.families[f];
         if (!has_server(family) && family.sent == 0)
             continue;
-        printf("%-15s %-25s", printable(line.device).text, families[f]);
-        put_count(family.sent, seconds);
+        printf("%-15s %-*s", printable(line.device).text, wide_name - 16, families[f]);
+        put_count(family.sent, seconds, wide_queries);
         put_answers(sum(family.answered, family.expired), family.answered, all_times(family), seconds);
         for (const server_numbers &server : family.servers) {
             if (server.address[0] == '\0')
                 continue;
-            printf("  %-39s", printable(server.address).text);
-            put_count(server.sent, seconds);
+            put_address(server.address);
+            put_count(server.sent, seconds, wide_queries);
             put_answers(server.sent, server.times.replies, server.times, seconds);
         }
     }
@@ -115,12 +131,12 @@ void put_uptime(uint64_t seconds)
         printf("uptime: %llu d %02llu:%02llu:%02llu", s / 86400, s / 3600 % 24, s / 60 % 60, s % 60);
 }
 
-void put_heading(const char *of_what, double seconds)
+void put_heading(const char *of_what, double seconds, int width)
 {
     if (seconds > 0)
-        printf(" %*s/s", wide - 2, of_what);
+        printf(" %*s/s", width - 2, of_what);
     else
-        printf(" %*s", wide, of_what);
+        printf(" %*s", width, of_what);
 }
 
 void show_table(const statistics &s, double seconds)
@@ -138,20 +154,20 @@ void show_table(const statistics &s, double seconds)
                    {"FREE", &query_numbers::free},
                    {"REFUSED", &query_numbers::refused}};
     for (const auto &column : columns)
-        put_heading(column.name, seconds);
+        put_heading(column.name, seconds, wide);
     printf(" %*s\n", wide, "IN FLIGHT");
     for (int f = 0; f < FAMILIES; f++) {
         printf("%-8s", families[f]);
         for (const auto &column : columns)
-            put_count(s.queries[f].*column.value, seconds);
-        put_number(s.queries[f].in_flight);
+            put_count(s.queries[f].*column.value, seconds, wide);
+        put_number(s.queries[f].in_flight, wide);
         putchar('\n');
     }
-    printf("\n%-41s", "LINE, SERVER");
-    put_heading("QUERIES", seconds);
-    printf(" %*s", wide, "ANSWERED");
-    put_heading("LOST", seconds);
-    printf(" %*s %*s\n", wide, "MEAN ms", wide, "95% ms");
+    printf("\n%-*s", wide_name, "LINE, SERVER");
+    put_heading("QUERIES", seconds, wide_queries);
+    printf(" %*s", wide_answered, "ANSWERED");
+    put_heading("LOST", seconds, wide_lost);
+    printf(" %*s %*s\n", wide_ms, "MEAN ms", wide_ms, "95% ms");
     for (int i = 0; i < s.count; i++)
         put_line(s.lines[i], seconds);
 }

@@ -12,6 +12,8 @@
 namespace {
 
 constexpr char run_as_root[] = "run it as root";
+constexpr int columns = 80;        // of a terminal
+constexpr int servers_column = 46; // where the servers of a line begin
 
 constexpr struct {
     const char *name;
@@ -142,16 +144,25 @@ void put_line_json(const line &l)
     putchar('}');
 }
 
+// As many servers beside each other as there is room for.
 void put_servers(const line &l)
 {
+    int at = servers_column;
     for (int family = 0; family < FAMILIES; family++) {
         for (int slot = 0; slot < SLOTS; slot++) {
             const server_text server(l, family, slot);
             if (server.text[0] == '\0')
                 continue;
-            printf(" %s", server.text);
+            char share[16] = "";
             if (l.answered[family][slot] >= 0)
-                printf(" (%d%%)", l.answered[family][slot] / 10);
+                (void)snprintf(share, sizeof share, " (%d%%)", l.answered[family][slot] / 10);
+            const auto width = static_cast<int>(1 + strlen(server.text) + strlen(share));
+            if (at > servers_column && at + width > columns) {
+                printf("\n%*s", servers_column, "");
+                at = servers_column;
+            }
+            printf(" %s%s", server.text, share);
+            at += width;
         }
     }
     if (!l.ipv4_known || !l.ipv6_known)
@@ -164,7 +175,7 @@ void put_line(const line &l)
 {
     printf("%-15s ", printable(l.device).text);
     printf("%-15s ", l.logical[0] != '\0' ? printable(l.logical).text : "-");
-    printf("%-6s ", state_text(l.state) != nullptr ? state_text(l.state) : "?");
+    printf("%-5s ", state_text(l.state) != nullptr ? state_text(l.state) : "?");
     if (l.uses != json_unknown)
         printf("%-8llu", static_cast<unsigned long long>(l.uses));
     else
@@ -176,7 +187,7 @@ void put_lines(const line_table &table)
 {
     if (!table.known)
         return;
-    printf("\n%-15s %-15s %-6s %-8s %s\n", "DEVICE", "NAME", "STATE", "USES", "SERVERS");
+    printf("\n%-15s %-15s %-5s %-8s %s\n", "DEVICE", "NAME", "STATE", "USES", "SERVERS");
     for (int i = 0; i < table.count; i++)
         put_line(table.lines[i]);
     if (table.bus != bus_result::done || !table.servers_known())
