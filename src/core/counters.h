@@ -73,17 +73,17 @@ inline void count_replaced(line_counters *line, int slot)
         counter_set(&counter[i], 0);
 }
 
-// A reply after so many nanoseconds.
-inline void count_reply(slot_counters *slot, int64_t ns)
+// A reply after so many nanoseconds. Inlined, it computes the address of each number from the slot's index.
+[[gnu::noinline]] inline void count_reply(slot_counters *slot, int64_t ns)
 {
     const uint64_t us = static_cast<uint64_t>(std::max<int64_t>(ns, 1000)) / 1000;
-    const auto bucket = static_cast<int>(std::bit_width((us - 1) / 1000));
+    const size_t bucket = std::min<size_t>(std::bit_width((us - 1) / 1000), COUNTER_BUCKETS - 1);
     if (us - 1 < slot->smallest_us - 1) // 0 is none
         counter_set(&slot->smallest_us, us);
     if (us > slot->largest_us)
         counter_set(&slot->largest_us, us);
     count(&slot->total_us, us);
-    count(&slot->histogram[std::min(bucket, COUNTER_BUCKETS - 1)]);
+    count(&slot->histogram[bucket]);
 }
 
 #endif

@@ -5,6 +5,7 @@
 #define IFACE_FAMILY_H
 
 #include <arpa/inet.h>
+#include <cstring>
 #include <netinet/in.h>
 
 #include "iface/server_if.h"
@@ -82,7 +83,7 @@ struct ipv6 {
 
     static bool is_server(const dnsproxy_server_if *sif, int slot, const sockaddr_in6 &sender)
     {
-        return IN6_ARE_ADDR_EQUAL(&sender.sin6_addr, &sif->dnsServer6[slot].sin6_addr);
+        return memcmp(&sender.sin6_addr, &sif->dnsServer6[slot].sin6_addr, sizeof(in6_addr)) == 0;
     }
 };
 
