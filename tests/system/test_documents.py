@@ -68,7 +68,7 @@ def test_administration(upstreams):
             kind, text = block["kind"], block["text"]
             seen.add(kind)
             if kind is None:
-                upstreams[1].answer_with(delayed(0.3) if "fastest" in block["heading"] else answer)
+                upstreams[1].answer_with(delayed(1) if "fastest" in block["heading"] else answer)
             elif kind == "resolv":
                 files.write(files.RESOLV, text)
             elif kind == "uci":

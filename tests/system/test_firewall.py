@@ -43,6 +43,6 @@ def test_forged_replies(lab, start, client, family, guarded, forger):
         with sock:
             sock.bind(sender)
             sock.sendto(forged, query.source[:2])
-        wan1.answer_now(query)
-        got = host.receive(port)
-        assert got[2:] == (good if guarded else forged)[2:]
+        if guarded:
+            wan1.answer_now(query)
+        assert host.receive(port)[2:] == (good if guarded else forged)[2:]

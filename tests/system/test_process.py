@@ -77,7 +77,7 @@ def test_a_taken_port_leaves_it_alive_without_sockets(lab, family):
             wait.until(lambda: daemon.output().endswith("\nEnd\n\n"), "the start-up dump")
             daemon.settle()
             assert daemon.alive(), daemon.output()
-            assert daemon.udp_sockets(4) + daemon.udp_sockets(6) == []
+            wait.until(lambda: daemon.udp_sockets(4) + daemon.udp_sockets(6) == [], "the other socket to be closed")
             assert daemon.stop() == -SIGTERM
 
 
