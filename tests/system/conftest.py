@@ -9,7 +9,7 @@ The environment variable DNSPROXYD names another binary than the release build, 
 
 import contextlib
 import re
-from signal import SIGTERM
+from signal import SIGINT, SIGTERM, default_int_handler, signal
 
 import programs
 import pytest
@@ -21,6 +21,10 @@ from lab.daemon import Daemon
 from lab.router import Lab
 from lab.sniffer import Sniffer
 from lab.upstream import Upstream
+
+
+# A shell lets its jobs in the background ignore this signal, and the daemons would do so as well.
+signal(SIGINT, default_int_handler)
 
 
 @pytest.fixture(scope="module")
