@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sstream>
@@ -9,12 +10,19 @@
 
 #include "core/dnsproxy_data.h"
 #include "core/status.h"
-#include "iface/listen_if.h"
 
 namespace {
 
 constexpr size_t message_max = 1600;
 constexpr uint16_t dns_port = 0x3500; // 53 in network order
+
+// What the rule file says. A device of the PPPoE server stands for br-pppoe.
+constexpr struct {
+    const char *device;
+    const char *forced_to; // nullptr: free
+    bool polling;
+} rules[] = {{"br-lan", nullptr, false},     {"office", nullptr, true}, {"br-guest", "wan1", false},
+             {"br-pppoe", "pt-vpn0", false}, {"far", "wan3", false},    {"lo", nullptr, false}};
 
 int64_t now()
 {
@@ -61,7 +69,7 @@ std::string arrival_device(const datagram &d, const std::vector<device> &known_t
         return known == nullptr ? "" : known->name;
     for (const device &each : known_to_daemon) {
         if (each.index == index)
-            return each.name.starts_with("ppp") ? dnsproxy_data.pppoesIfname : each.name;
+            return each.name.starts_with("ppp") ? "br-pppoe" : each.name;
     }
     return "";
 }
@@ -118,19 +126,18 @@ struct model::question {
 void model::query(const datagram &d)
 {
     const std::string name = arrival_device(d, devices);
-    const auto *rule = ipcom_first<dnsproxy_listen_if>(dnsproxy_data.listenIfList);
-    while (rule != nullptr && rule->ifname_receive != name)
-        rule = ipcom_next(rule);
-    if (rule == nullptr || d.bytes.size() < 2)
+    const auto *rule =
+        std::find_if(std::begin(rules), std::end(rules), [&](const auto &r) { return r.device == name; });
+    if (rule == std::end(rules) || d.bytes.size() < 2)
         return;
     question q = {.v6 = d.from.v6, .who = {d.from, id_of(d.bytes)}, .bytes = d.bytes.substr(0, message_max)};
-    latest_was_forced = rule->specify != 0;
+    latest_was_forced = rule->forced_to != nullptr;
     if (latest_was_forced)
-        return go_forced(q, rule->out_ifname);
-    go_free(q, rule->polling != 0);
+        return go_forced(q, rule->forced_to);
+    go_free(q, rule->polling);
     if (!q.v6 && name == "lo") { // the router itself: both families
         q.v6 = true;
-        go_free(q, rule->polling != 0);
+        go_free(q, rule->polling);
     }
 }
 
