@@ -155,6 +155,8 @@ ssize_t take(int fd, datagram *d, void *buffer, size_t size)
         return fail(EAGAIN);
     *d = std::move(file->second.waiting.front());
     file->second.waiting.pop_front();
+    if (d->told == arrival::damaged)
+        return fail(EAGAIN);
     const size_t length = std::min(size, d->bytes.size());
     memcpy(buffer, d->bytes.data(), length);
     sys.received(fd, *d);

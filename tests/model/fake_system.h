@@ -44,7 +44,8 @@ struct peer {
     bool operator==(const peer &) const = default;
 };
 
-enum class arrival { told, not_told, told_otherwise }; // how the control message names the device
+// How the control message names the device; `damaged`: the kernel finds its checksum wrong when it is taken.
+enum class arrival { told, not_told, told_otherwise, damaged };
 
 struct datagram {
     std::string bytes;

@@ -25,8 +25,10 @@ size_t records_before_step;     // of the model
 std::vector<ipcom_tmo2> timers; // that somebody owns
 std::set<int> descriptors;      // that lines own
 enum { RUNNING, DRAINING, ENDING } phase;
-size_t waiting_before; // datagrams at the last wait
-bool settled;          // and nothing has been due since
+size_t waiting_before;    // datagrams at the last wait
+bool answers_wait;        // at that wait
+int passes, request_pass; // so far; that took the last request
+bool settled;             // and nothing has been due since
 const std::function<bool()> *script;
 jmp_buf end_of_loop;
 
@@ -219,9 +221,11 @@ void received(int fd, const datagram &d)
         expected.query(d);
     else if (!file.device.empty())
         expected.reply(d, file.family == AF_INET6);
-    else if (file.kind == open_file::REQUEST_PIPE)
+    else if (file.kind == open_file::REQUEST_PIPE) {
+        must(!answers_wait || passes != request_pass + 1, "an answer waits for one request at most");
+        request_pass = passes;
         expected.request(d.bytes);
-    else if (fd == dnsproxy_data.intfFd)
+    } else if (fd == dnsproxy_data.intfFd)
         expected.netlink(d.bytes);
 }
 
@@ -238,6 +242,8 @@ void check_wake(int limit_ms)
     }
     must(limit_ms == -1, "the daemon waits for descriptors and the alarm");
     must(sys.alarm_at <= wake, "the daemon wakes for the first timer");
+    must(wake == INT64_MAX || sys.alarm_at > wake - alarm_slack_ns,
+         "the daemon does not wake for a timer that is gone");
     must(!sys.alarm_was_set || sys.alarm_at == wake, "the daemon wakes for its timers and for nothing else");
     must(!sys.alarm_was_set || sys.alarm_before > wake || sys.alarm_before <= wake - alarm_slack_ns,
          "the alarm is moved only when it would go off too late, or much too early");
@@ -257,6 +263,10 @@ int wait(epoll_event *ready, int limit_ms)
     if (phase == RUNNING && !(*script)())
         phase = DRAINING;
     waiting_before = sys.waiting();
+    answers_wait = std::any_of(sys.files.begin(), sys.files.end(), [](const auto &file) {
+        return !file.second.device.empty() && !file.second.waiting.empty();
+    });
+    passes++;
     if (phase == DRAINING && waiting_before == 0)
         longjmp(end_of_loop, 1);
     int count = 0;
@@ -384,11 +394,11 @@ void ask(const peer &host, const std::string &device, const std::string &bytes, 
         .waiting.push_back({bytes, host, d == nullptr ? 9999 : d->index, told});
 }
 
-void answer(bool v6, const std::string &line, const std::string &bytes)
+void answer(bool v6, const std::string &line, const std::string &bytes, arrival told)
 {
     dnsproxy_server_if *sif = expected.find_line(line);
     if (sif != nullptr && fd_of(*sif, v6) > 0)
-        sys.files.at(fd_of(*sif, v6)).waiting.push_back({.bytes = bytes, .from = {.v6 = v6}});
+        sys.files.at(fd_of(*sif, v6)).waiting.push_back({.bytes = bytes, .from = {.v6 = v6}, .told = told});
 }
 
 uint16_t identifier(bool v6, unsigned choice)

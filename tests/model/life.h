@@ -24,7 +24,7 @@ void live(uint16_t first_id, int log_level, const std::function<bool()> &events)
 void ask(const peer &host, const std::string &device, const std::string &bytes, arrival told = arrival::told);
 
 // A datagram that comes in at a line's upstream socket, if that is open.
-void answer(bool v6, const std::string &line, const std::string &bytes);
+void answer(bool v6, const std::string &line, const std::string &bytes, arrival told = arrival::told);
 
 // The identifier that one of the family's queries in flight was sent on under, or another one.
 uint16_t identifier(bool v6, unsigned choice);

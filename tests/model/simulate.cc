@@ -35,6 +35,7 @@ constexpr const char *kinds[] = {"query, IPv4",
                                  "burst of queries",
                                  "query without its device",
                                  "query of an odd length",
+                                 "query that is damaged",
                                  "forced query without its line",
                                  "server silent",
                                  "silence of all servers",
@@ -45,6 +46,7 @@ constexpr const char *kinds[] = {"query, IPv4",
                                  "answer under a wrong identifier",
                                  "answer without the response bit",
                                  "answer that is cut",
+                                 "answer that is damaged",
                                  "answer relayed",
                                  "answer not relayed",
                                  "record expired answered",
@@ -59,6 +61,7 @@ constexpr const char *kinds[] = {"query, IPv4",
                                  "device back",
                                  "request",
                                  "request of a wrong length",
+                                 "requests before an answer",
                                  "netlink message that is none",
                                  "jump of the clock",
                                  "quiet minutes",
@@ -147,8 +150,10 @@ public:
                   static_cast<unsigned char>(m.to.address[3]) * 77U ^ id};
         const uint64_t how = d.below(100);
         const int64_t soon = d.between(ms, 200 * ms);
-        if (silent_until_ > now() || how < 4)
+        if (silent_until_ > now() || how < 3)
             met("server silent");
+        else if (how < 4)
+            reply(m, "answer that is damaged", soon, id, 100, '\x80', arrival::damaged);
         else if (how < 86)
             reply(m, "answer", soon, id);
         else if (how < 89)
@@ -172,14 +177,14 @@ private:
     void later(int64_t after, std::function<void()> what) { later_.emplace(now() + after, std::move(what)); }
 
     void reply(const sending &m, const char *kind, int64_t after, uint16_t id, size_t length = 100,
-               char flags = '\x80')
+               char flags = '\x80', arrival told = arrival::told)
     {
         std::string bytes(length + 3, '\0');
         bytes[2] = flags;
         bytes = with_id(bytes, id).substr(0, length);
         later(after, [=, v6 = m.to.v6, line = m.device] {
             met(kind);
-            answer(v6, line, bytes);
+            answer(v6, line, bytes, told);
         });
     }
 
@@ -217,6 +222,10 @@ private:
         if (d->one_in(100)) {
             met("query without its device");
             h.told = d->one_in(2) ? arrival::not_told : arrival::told_otherwise;
+        }
+        if (d->one_in(200)) {
+            met("query that is damaged");
+            h.told = arrival::damaged;
         }
         return h;
     }
@@ -352,6 +361,11 @@ private:
         const auto op =
             static_cast<uint32_t>(d->one_in(3) ? DNSPROXY_DNS_SERVER_GETIFS - d->below(2) : d->below(12));
         const char *name = d->of(names);
+        if (d->one_in(10)) {
+            met("requests before an answer");
+            answer(d->one_in(2), "wan1", std::string(12, '\x80'));
+            send_request(DNSPROXY_DNS_SERVER_GET, name, nullptr);
+        }
         send_request(op, name, d);
         if (op == DNSPROXY_DNS_SERVER_DEL || op == DNSPROXY_DNS_SERVER_DELALL) {
             later(d->between(s, 60 * s), [] { // somebody sees to it that the router has its lines again
