@@ -109,6 +109,7 @@ TEST(blobmsg, builds_these_bytes)
     for (const auto &row : messages) {
         SCOPED_TRACE(row.name);
         ASSERT_EQ(blob_buf_init(&b, row.id), 0);
+        EXPECT_EQ(static_cast<void *>(b.head), b.buf) << "not behind the message before";
         row.build(&b);
         EXPECT_EQ(to_hex(b.bytes()), row.hex);
     }

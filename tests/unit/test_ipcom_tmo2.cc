@@ -131,22 +131,35 @@ TEST(ipcom_tmo2_real_clock, wakes_for_a_timer_and_returns_zero)
     ipcom_tmo2_delete(head);
 }
 
-TEST(ipcom_tmo2_real_clock, a_signal_interrupts_the_wait)
+TEST_F(ipcom_tmo2_test, a_signal_interrupts_the_wait_and_timers_that_are_due_run)
 {
-    ipcom_tmo2_head *head = ipcom_tmo2_new();
+    arm(&a_, 10'000);
+    a_.act = [this] {
+        fired_ += 'a';
+        errno = 0;
+    };
     struct sigaction handler = {};
     struct sigaction before = {};
-    handler.sa_handler = [](int) {};
+    handler.sa_handler = [](int) { fake_clock::advance_ms(10'000); };
     sigaction(SIGALRM, &handler, &before);
     const itimerval soon = {.it_interval = {.tv_sec = 0, .tv_usec = 20000},
                             .it_value = {.tv_sec = 0, .tv_usec = 20000}};
     setitimer(ITIMER_REAL, &soon, nullptr);
-    EXPECT_LT(ipcom_tmo2_select(head, 0, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_LT(ipcom_tmo2_select(head_, 0, nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(fired_, "a");
     constexpr itimerval off = {};
     setitimer(ITIMER_REAL, &off, nullptr);
     sigaction(SIGALRM, &before, nullptr);
-    ipcom_tmo2_delete(head);
+}
+
+TEST_F(ipcom_tmo2_test, refuses_to_wait_for_anything_but_reads)
+{
+    constexpr timeval at_once = {};
+    const fd_set none = {};
+    EXPECT_EQ(ipcom_tmo2_select(head_, 0, nullptr, &none, nullptr, &at_once), -1);
+    EXPECT_EQ(ipcom_tmo2_select(head_, 0, nullptr, nullptr, &none, &at_once), -1);
+    EXPECT_EQ(errno, EINVAL);
 }
 
 } // namespace

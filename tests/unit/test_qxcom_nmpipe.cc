@@ -189,7 +189,12 @@ TEST_F(nmpipe, names_stay_in_the_folder_and_files_of_others_are_refused)
     EXPECT_LT(qxcom_nmpipe_create(nullptr, 20, 240), 0);
     EXPECT_GE(qxcom_nmpipe_create(longest.c_str(), 20, 240), 0);
     qxcom_nmpipe_delete(longest.c_str());
-    EXPECT_LT(qxcom_nmpipe_open("test", 3, 0), 0);
+    for (const auto &[capacity, largest] : {std::pair{0, 240}, {20, 0}})
+        EXPECT_LT(qxcom_nmpipe_create("test", capacity, largest), 0) << capacity;
+    EXPECT_GE(qxcom_nmpipe_create("test", 1, 1), 0);
+    for (const int mode : {-1, 3})
+        EXPECT_LT(qxcom_nmpipe_open("test", mode, 0), 0) << mode;
+    qxcom_nmpipe_delete("test");
 
     const int file = open(path, O_CREAT | O_WRONLY, 0600);
     ASSERT_GE(file, 0);

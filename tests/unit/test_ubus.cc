@@ -299,6 +299,44 @@ const std::vector<std::string> calls_of_conversation = {"get_state", "update_if 
 
 } // namespace
 
+TEST_F(ubus, the_loop_calls_for_what_is_left_to_read_and_for_nothing_else)
+{
+    static std::string seen;
+    seen.clear();
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    uloop_fd reader = {};
+    reader.fd = ends[0];
+    reader.cb = [](uloop_fd *r, unsigned int events) {
+        char byte = '-';
+        (void)!read(r->fd, &byte, 1);
+        seen += events == ULOOP_READ ? byte : '?';
+        if (seen.size() == 2)
+            uloop_end();
+    };
+    ASSERT_EQ(uloop_init(), 0);
+    ASSERT_EQ(uloop_fd_add(&reader, ULOOP_READ), 0);
+    ASSERT_EQ(write(ends[1], "ab", 2), 2);
+    run_loop();
+    EXPECT_EQ(seen, "ab");
+    EXPECT_EQ(uloop_fd_delete(&reader), 0);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(ubus, the_loop_leaves_signals_that_others_have_taken)
+{
+    constexpr int numbers[] = {SIGINT, SIGTERM, SIGCHLD, SIGPIPE};
+    for (const int number : numbers)
+        signal(number, SIG_IGN);
+    EXPECT_EQ(uloop_init(), 0);
+    for (const int number : numbers)
+        EXPECT_EQ(signal(number, SIG_IGN), SIG_IGN) << number;
+    uloop_done();
+    for (const int number : numbers)
+        EXPECT_EQ(signal(number, SIG_DFL), SIG_IGN) << number;
+}
+
 TEST_F(ubus, sends_what_was_recorded)
 {
     for (const size_t piece : {SIZE_MAX, size_t{1}}) {
