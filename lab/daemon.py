@@ -141,7 +141,7 @@ class Daemon:
             raise
 
     def settle(self, timeout: float = wait.PATIENCE) -> None:
-        """Returns once all that arrived is served: nothing to read, the main thread waits."""
+        """Returns once all that arrived is served: nothing to read, every thread waits."""
 
         def settled() -> bool:
             unread = sum(sock.unread for family in (4, 6) for sock in self.udp_sockets(family))
@@ -150,8 +150,8 @@ class Daemon:
         wait.until(settled, "the daemon to serve what has arrived", timeout)
 
     def _sleeps(self) -> bool:
-        stat = Path(f"/proc/{self.pid}/task/{self.pid}/stat").read_text(encoding="utf-8")
-        return stat.rpartition(")")[2].split()[0] == "S"
+        stats = [Path(task.path, "stat").read_text(encoding="utf-8") for task in os.scandir(f"/proc/{self.pid}/task")]
+        return all(stat.rpartition(")")[2].split()[0] == "S" for stat in stats)
 
     def output(self) -> str:
         """Everything that it has written so far."""
