@@ -106,15 +106,17 @@ def free_choice(servers: int, family: int) -> list[str]:
     return addresses
 
 
-def placed(argv: list[str], core: int) -> list[str]:
-    """A command tied to one core, with all its threads, and to its place in the queue for it."""
+def placed(argv: list[str], core: int | None) -> list[str]:
+    """A command tied to one core, with all its threads, and to its place in the queue for it; None: as it is."""
+    if core is None:
+        return argv
     first = TESTED_FIRST if core == TESTED_CORE else LOAD_FIRST
     return [*first, "taskset", "--cpu-list", str(core), *argv]
 
 
 @contextlib.contextmanager
-def serving(argv: list[str], core: int, family: int, namespace: str | None = None) -> Iterator[int]:
-    """A program on one core, in the router or in another network namespace, until the block ends.
+def serving(argv: list[str], core: int | None, family: int, namespace: str | None = None) -> Iterator[int]:
+    """A program on one core, or on all for None, in the router or in another network namespace, until the block ends.
 
     Gives its process number, once it owns port 53 of the family.
     """
@@ -136,18 +138,20 @@ def serving(argv: list[str], core: int, family: int, namespace: str | None = Non
             process.wait(wait.PATIENCE)
 
 
-def answering(build: str, namespace: str = plan.LINES[LINE].netns, delay: int = 0) -> Iterator[int]:
+def answering(
+    build: str, namespace: str = plan.LINES[LINE].netns, delay: int = 0, core: int | None = LOAD_CORE
+) -> Iterator[int]:
     """What answers in place of the servers behind a line, after so many milliseconds; a context manager."""
-    return serving([tool_of(build, "echo"), str(delay)], LOAD_CORE, 6, namespace)
+    return serving([tool_of(build, "echo"), str(delay)], core, 6, namespace)
 
 
 class Asker:
     """A program that asks the router from a LAN host, or another server; `output` waits until it is through."""
 
-    def __init__(self, argv: list[str], host: str = HOST):
+    def __init__(self, argv: list[str], host: str = HOST, core: int | None = LOAD_CORE):
         with netns.inside(host):
             self._process = subprocess.Popen(
-                placed(argv, LOAD_CORE), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+                placed(argv, core), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
             )
 
     def __enter__(self):
@@ -169,19 +173,28 @@ class Asker:
 
 
 class Dnsperf(Asker):
-    """Asks with up to OUTSTANDING queries in flight, at a steady rate or as fast as it goes.
+    """Asks with up to `outstanding` queries in flight, at a steady rate or as fast as it goes.
 
     `life` is how long the daemon remembers a query, in seconds.
     """
 
     FASTEST = 110_000  # queries per second that it may reach without a rate
 
-    def __init__(self, family: int, rate: int | None, seconds: int, life: float = RECORD_LIFE, host: str = HOST):
+    def __init__(
+        self,
+        family: int,
+        rate: int | None,
+        seconds: int,
+        life: float = RECORD_LIFE,
+        host: str = HOST,
+        outstanding: int = OUTSTANDING,
+        core: int | None = LOAD_CORE,
+    ):
         server = plan.HOSTS[host].router(family)
         threads = str(int((rate or self.FASTEST) * life / QUERIES_OF_THREAD) + 1)
         argv = ["dnsperf", "-s", server, "-d", _names(), "-T", threads, "-c", threads, "-b", "1024"]
-        argv += ["-q", str(OUTSTANDING), "-l", str(seconds), "-t", "2"]
-        super().__init__(argv + (["-Q", str(rate)] if rate else []), host)
+        argv += ["-q", str(outstanding), "-l", str(seconds), "-t", "2"]
+        super().__init__(argv + (["-Q", str(rate)] if rate else []), host, core)
 
     def lost(self) -> int:
         return int(re.search(r"Queries lost:\s+(\d+)", self.output())[1])
