@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "core/dnsproxy_data.h"
+#include "core/read_ahead.h"
 
 int descriptor_socket(int family, int type, int protocol)
 {
@@ -21,6 +22,7 @@ void descriptor_close(int32_t *fd)
 {
     if (*fd > 0) {
         ipcom_tmo2_forget(dnsproxy_data.tmo2Head, *fd);
+        read_ahead_forget(*fd);
         close(*fd);
     }
     *fd = -1;

@@ -7,6 +7,7 @@
 #include "core/descriptor.h"
 #include "core/dnsproxy_data.h"
 #include "core/log.h"
+#include "core/read_ahead.h"
 #include "core/status.h"
 #include "forward/reply.h"
 #include "forward/request.h"
@@ -19,6 +20,7 @@
 namespace {
 
 constexpr char op[] = "dnsproxyd";
+constexpr int unasked_max = 3; // passes in a row that do not ask the kernel
 
 // State of the loop alone.
 struct loop {
@@ -27,6 +29,8 @@ struct loop {
     bool pipeServed; // by the last pass: replies that wait then come first
     fd_set reads;    // the descriptors that a pass waits for
     int highest;     // of them
+    bool unserved;   // the last pass left something ready, or served something else than DNS sockets
+    int unasked;     // passes since the kernel was asked
 };
 
 int set_up(loop *l)
@@ -92,18 +96,47 @@ void serve_request_pipe(loop *l)
         DNSPROXY_LOG(NOTICE, op, status, "Fail to read public api msg.");
 }
 
-// One wait, after which each ready descriptor is served once, in this order. A pass may end early; the next
-// wait reports again what it left.
+// What waits at the sockets that were read ahead is ready too.
+[[gnu::noinline]] int add_read_ahead(fd_set *ready, int count)
+{
+    if (count < 1)
+        FD_ZERO(ready);
+    return std::max(count, 0) + read_ahead_add(ready);
+}
+
+// What a pass serves. As long as the datagrams that were read ahead are known to be all, the kernel is asked
+// in every fourth pass only.
+int find_ready(loop *l, fd_set *ready)
+{
+    static constexpr timeval at_once = {};
+    const bool ahead = read_ahead_waits();
+    int count = 0;
+    if (ahead && !l->unserved && read_ahead_suffices() && l->unasked < unasked_max) {
+        l->unasked++;
+    } else {
+        l->unasked = 0;
+        refresh_reads(l);
+        *ready = l->reads;
+        count = ipcom_tmo2_select(dnsproxy_data.tmo2Head, l->highest + 1, ready, nullptr, nullptr,
+                                  ahead ? &at_once : nullptr);
+        read_ahead_waited();
+    }
+    return ahead ? add_read_ahead(ready, count) : count;
+}
+
+// Serves each ready descriptor once, in this order. A pass may end early; what it left is ready again in the
+// next one.
 void pass(loop *l)
 {
-    refresh_reads(l);
-    fd_set ready = l->reads;
-    int count = ipcom_tmo2_select(dnsproxy_data.tmo2Head, l->highest + 1, &ready, nullptr, nullptr, nullptr);
+    fd_set ready;
+    int count = find_ready(l, &ready);
+    l->unserved = true;
     if (count < 1) {
         DNSPROXY_LOG(NOTICE, op, 0, "Interrupt,Msg num < 0.");
         return;
     }
-    if (take_ready(dnsproxy_data.intfFd, &ready, &count)) {
+    const bool links_changed = take_ready(dnsproxy_data.intfFd, &ready, &count);
+    if (links_changed) {
         DNSPROXY_LOG(TRACE, op, 0, "Recv a intf route change packet.");
         dnsproxy_intf_socket_recv();
     }
@@ -133,6 +166,7 @@ void pass(loop *l)
         return;
     }
     dnsproxy_server_socket_read(&ready, &count);
+    l->unserved = links_changed || count > 0;
 }
 
 } // namespace

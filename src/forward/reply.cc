@@ -4,6 +4,7 @@
 
 #include "cache/noreply.h"
 #include "core/dns_header.h"
+#include "core/read_ahead.h"
 #include "forward/reply_families.h"
 #include "iface/ifname.h"
 #include "net/pending_id.h"
@@ -43,18 +44,13 @@ template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready,
         return turn::not_ready;
     --*count;
     DNSPROXY_LOG(DEBUG, op, 0, reply_msg_reply<Family>, sif->ifname);
-    uint8_t message[DNSPROXY_MESSAGE_SIZE];
-    memset(message, 0, DNSPROXY_HEADER_SIZE); // a short reply has no flags
-    // A reply is matched by its identifier alone; its sender is only counted.
-    typename Family::sockaddr_type sender = {};
-    socklen_t sender_length = sizeof sender;
-    const ssize_t got = recvfrom(fd, message, sizeof message, MSG_DONTWAIT,
-                                 reinterpret_cast<sockaddr *>(&sender), &sender_length);
-    if (got < 0) {
-        DNSPROXY_LOG(ERROR, op, static_cast<int>(got), reply_msg_recv<Family>, sif->ifname);
+    dns_datagram *reply = read_ahead_take(fd);
+    if (reply == nullptr) {
+        DNSPROXY_LOG(ERROR, op, -1, reply_msg_recv<Family>, sif->ifname);
         return turn::dropped;
     }
-    const auto length = static_cast<size_t>(got);
+    uint8_t *message = reply->message;
+    const size_t length = reply->length;
     if (length < DNSPROXY_ID_SIZE)
         return turn::dropped;
     const uint16_t new_id = dns_id(message);
@@ -77,7 +73,8 @@ template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready,
     }
     dnsproxy_noreply_reset();
     entry->flags |= DNSPROXY_ENTRY_ANSWERED;
-    count_reply_of<Family>(sif, sender, *entry);
+    // A reply is matched by its identifier alone; its sender is only counted.
+    count_reply_of<Family>(sif, Family::sender(*reply), *entry);
     return turn::relayed;
 }
 

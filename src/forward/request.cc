@@ -6,6 +6,7 @@
 
 #include "cache/cache_server.h"
 #include "core/dns_header.h"
+#include "core/read_ahead.h"
 #include "core/status.h"
 #include "forward/identifier.h"
 #include "forward/request_families.h"
@@ -16,47 +17,26 @@
 
 namespace {
 
-constexpr size_t control_size = 256;
-
-// One query as it was received.
+// One query, with the device that it came in on.
 template <class Family> struct query {
-    uint8_t message[DNSPROXY_MESSAGE_SIZE];
-    size_t length;
-    typename Family::sockaddr_type sender;
-    int ifindex;                      // device that it came in on; 0: not told
-    char name[DNSPROXY_ARRIVAL_NAME]; // that device, or the one that stands for it
+    dns_datagram *received;
+    int ifindex;                      // 0: not told
+    char name[DNSPROXY_ARRIVAL_NAME]; // of that device, or of the one that stands for it
 };
 
-// Receives one datagram with the device that it came in on; false: nothing was received.
-template <class Family> bool receive(query<Family> *q)
+template <class Family> int arrival_ifindex(const cmsghdr *info)
 {
-    alignas(cmsghdr) char control[control_size];
-    iovec data = {.iov_base = q->message, .iov_len = sizeof q->message};
-    msghdr header = {};
-    header.msg_name = &q->sender;
-    header.msg_namelen = sizeof q->sender;
-    header.msg_iov = &data;
-    header.msg_iovlen = 1;
-    header.msg_control = control;
-    header.msg_controllen = sizeof control;
-    const ssize_t length = recvmsg(Family::listen_fd(), &header, MSG_DONTWAIT);
-    if (length < 0)
-        return false;
-    q->length = static_cast<size_t>(length);
-    q->ifindex = 0;
-    const cmsghdr *info = CMSG_FIRSTHDR(&header);
-    if (info != nullptr && info->cmsg_level == Family::pktinfo_level &&
-        info->cmsg_type == Family::pktinfo_type) {
-        typename Family::pktinfo arrival;
-        memcpy(&arrival, CMSG_DATA(info), sizeof arrival);
-        q->ifindex = Family::ifindex(arrival);
-    }
-    return true;
+    if (info == nullptr || info->cmsg_level != Family::pktinfo_level ||
+        info->cmsg_type != Family::pktinfo_type)
+        return 0;
+    typename Family::pktinfo arrival;
+    memcpy(&arrival, CMSG_DATA(info), sizeof arrival);
+    return Family::ifindex(arrival);
 }
 
-bool begins_with(const char *text, const char *head)
+template <size_t Size> bool begins_with(const char *text, const char (&head)[Size])
 {
-    return strncmp(text, head, strlen(head)) == 0;
+    return strncmp(text, head, Size - 1) == 0;
 }
 
 // The rule for the device that the query came in on; nullptr: it is not served.
@@ -65,13 +45,13 @@ template <class Family> const dnsproxy_listen_if *find_listen_if(query<Family> *
     memset(q->name, 0, sizeof q->name);
     if (!Family::device_name(q->ifindex, q->name))
         return nullptr;
-    Family::trace_arrival(q->sender, q->ifindex, q->name);
+    Family::trace_arrival(Family::sender(*q->received), q->ifindex, q->name);
     if constexpr (Family::ppp_stands_for_pppoe_server) {
         if (begins_with(q->name, "ppp")) {
             DNSPROXY_LOG(TRACE, Family::op, 0, "%s", "");
             memcpy(q->name, dnsproxy_data.pppoesIfname, sizeof dnsproxy_data.pppoesIfname);
         }
-        Family::trace_arrival(q->sender, q->ifindex, q->name);
+        Family::trace_arrival(Family::sender(*q->received), q->ifindex, q->name);
     }
     return dnsproxy_listen_if_findByname(q->name);
 }
@@ -80,15 +60,15 @@ template <class Family> int send_free(query<Family> *q, const dnsproxy_listen_if
 {
     dnsproxy_data.specIface = 0;
     DNSPROXY_LOG(TRACE, Family::op, 0, request_msg_free<Family>);
-    const auto host = Family::host_of(q->sender);
-    int status = server_choice_send(host, q->message, q->length, lif->polling);
+    const auto host = Family::host_of(Family::sender(*q->received));
+    int status = server_choice_send(host, q->received->message, q->received->length, lif->polling);
     if constexpr (Family::loopback_asks_both_families) {
         if (begins_with(lif->ifname_receive, "lo")) {
             DNSPROXY_LOG(DEBUG, Family::op, status,
                          "receive a dns requset from loopback, addr:%x,form_ifname:%s",
-                         q->sender.sin_addr.s_addr, q->name);
-            status =
-                server_choice_send(Family::host_in_other_family(host), q->message, q->length, lif->polling);
+                         q->received->sender.v4.sin_addr.s_addr, q->name);
+            status = server_choice_send(Family::host_in_other_family(host), q->received->message,
+                                        q->received->length, lif->polling);
         }
     }
     return status;
@@ -142,10 +122,11 @@ template <class Family> int send_forced(query<Family> *q, const dnsproxy_listen_
     if (slot == DNSPROXY_NO_SLOT)
         return DNSPROXY_ENOSERVER;
 
-    const host_key<typename Family::host> key = {Family::host_of(q->sender), dns_id(q->message)};
+    const host_key<typename Family::host> key = {Family::host_of(Family::sender(*q->received)),
+                                                 dns_id(q->received->message)};
     bool repeated = false;
     const uint16_t new_id = query_identify(key, &dnsproxy_data.nextNewId, &repeated);
-    dns_set_id(q->message, new_id);
+    dns_set_id(q->received->message, new_id);
     count(&sif->useCount);
 
     const auto to = Family::destination(sif, slot);
@@ -157,12 +138,12 @@ template <class Family> int send_forced(query<Family> *q, const dnsproxy_listen_
         return status;
     }
     Family::trace_forward(to, lif->out_ifname);
-    const ssize_t sent = sendto(Family::fd(sif), q->message, q->length, MSG_DONTWAIT,
+    const ssize_t sent = sendto(Family::fd(sif), q->received->message, q->received->length, MSG_DONTWAIT,
                                 reinterpret_cast<const sockaddr *>(&to), sizeof to);
     const int error = errno;
     DNSPROXY_LOG(TRACE, Family::op, 0, "sendsize:%d,recvsize:%d,errno:%d", static_cast<int>(sent),
-                 static_cast<int>(q->length), error);
-    if (sent < static_cast<ssize_t>(q->length)) {
+                 static_cast<int>(q->received->length), error);
+    if (sent < static_cast<ssize_t>(q->received->length)) {
         count(&counters.failed);
         if (sent < 0 && device_has_gone(Family::fd(sif), error))
             close_dead_socket<Family>(sif);
@@ -181,12 +162,14 @@ template <class Family> int send_forced(query<Family> *q, const dnsproxy_listen_
 template <class Family> int handle_query()
 {
     query<Family> q;
-    if (!receive(&q)) {
+    q.received = read_ahead_take(Family::listen_fd());
+    if (q.received == nullptr) {
         DNSPROXY_LOG(ERROR, Family::op, DNSPROXY_ERESOURCE, request_msg_recv<Family>);
         return DNSPROXY_ERESOURCE;
     }
-    if (q.length < DNSPROXY_ID_SIZE)
+    if (q.received->length < DNSPROXY_ID_SIZE)
         return 0; // no identifier: dropped, and no reason to end the loop's pass
+    q.ifindex = arrival_ifindex<Family>(q.received->control);
     const dnsproxy_listen_if *lif = find_listen_if(&q);
     if (lif == nullptr) {
         count(&Family::queries().refused);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <netinet/in.h>
 
+#include "core/read_ahead.h"
 #include "iface/server_if.h"
 
 constexpr uint16_t DNSPROXY_DNS_PORT = 53;
@@ -20,6 +21,7 @@ struct ipv4 {
     using sockaddr_type = sockaddr_in;
     using slot_check = int (*)(uint64_t slot);
 
+    static const sockaddr_in &sender(const dns_datagram &d) { return d.sender.v4; }
     static int32_t &fd(dnsproxy_server_if *sif) { return sif->serverFd; }
     static ipcom_tmo2 &tmo(dnsproxy_server_if *sif) { return sif->serverTmo; }
     static line_counters &counters(dnsproxy_server_if *sif) { return sif->counters; }
@@ -55,6 +57,7 @@ struct ipv6 {
     using sockaddr_type = sockaddr_in6;
     using slot_check = int (*)(const char *text);
 
+    static const sockaddr_in6 &sender(const dns_datagram &d) { return d.sender.v6; }
     static int32_t &fd(dnsproxy_server_if *sif) { return sif->serverFd6; }
     static ipcom_tmo2 &tmo(dnsproxy_server_if *sif) { return sif->serverTmo6; }
     static line_counters &counters(dnsproxy_server_if *sif) { return sif->counters6; }

@@ -15,6 +15,7 @@
 #include <sys/timerfd.h>
 
 #include "core/dnsproxy_data.h"
+#include "core/read_ahead.h"
 #include "platform/ipcom_tmo2.h"
 #include "platform/nms_event.h"
 #include "platform/qxcom_nmpipe.h"
@@ -67,8 +68,14 @@ size_t fake_system::waiting() const
 {
     size_t count = 0;
     for (const auto &[fd, file] : files)
-        count += file.waiting.size();
+        count += file.waiting.size() + file.read.size();
     return count;
+}
+
+bool fake_system::read_ahead() const
+{
+    return std::any_of(files.begin(), files.end(),
+                       [](const auto &each) { return !each.second.read.empty(); });
 }
 
 namespace {
@@ -159,7 +166,6 @@ ssize_t take(int fd, datagram *d, void *buffer, size_t size)
         return fail(EAGAIN);
     const size_t length = std::min(size, d->bytes.size());
     memcpy(buffer, d->bytes.data(), length);
-    sys.received(fd, *d);
     return static_cast<ssize_t>(length);
 }
 
@@ -202,6 +208,7 @@ extern "C" {
 FILE *__real_fopen(const char *path, const char *mode);
 void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
+void *__real_aligned_alloc(size_t alignment, size_t size);
 void __real_free(void *block);
 int __real_close(int fd);
 int __real_ioctl(int fd, unsigned long request, ...);
@@ -214,6 +221,11 @@ void *__wrap_malloc(size_t size)
 void *__wrap_calloc(size_t count, size_t size)
 {
     return memory_left() ? keep(__real_calloc(count, size), count * size) : nullptr;
+}
+
+void *__wrap_aligned_alloc(size_t alignment, size_t size)
+{
+    return memory_left() ? keep(__real_aligned_alloc(alignment, size), size) : nullptr;
 }
 
 void __wrap_free(void *block)
@@ -333,37 +345,65 @@ ssize_t __wrap_sendto(int fd, const void *bytes, size_t length, int flags, const
     return sent;
 }
 
-ssize_t __wrap_recvfrom(int fd, void *buffer, size_t size, int flags, sockaddr *from, socklen_t *from_length)
-{
-    must((flags & MSG_DONTWAIT) != 0, "no receive waits");
-    datagram d;
-    const ssize_t length = take(fd, &d, buffer, size);
-    if (length >= 0 && from != nullptr)
-        *from_length = put_peer(d.from, from);
-    return length;
-}
-
+// Of the netlink socket alone.
 ssize_t __wrap_recvmsg(int fd, msghdr *header, int flags)
 {
     must((flags & MSG_DONTWAIT) != 0, "no receive waits");
     datagram d;
     const ssize_t length = take(fd, &d, header->msg_iov->iov_base, header->msg_iov->iov_len);
-    if (length < 0 || fd == dnsproxy_data.intfFd)
-        return length;
-    must(header->msg_namelen >= (d.from.v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in)),
-         "there is room for the sender");
-    header->msg_namelen = put_peer(d.from, static_cast<sockaddr *>(header->msg_name));
-    in_pktinfo info = {};
-    info.ipi_ifindex = d.ifindex;
-    const in6_pktinfo info6 = {.ipi6_addr = {}, .ipi6_ifindex = static_cast<unsigned>(d.ifindex)};
-    const int other = d.told == arrival::told_otherwise ? 1 : 0;
-    if (d.told == arrival::not_told)
-        header->msg_controllen = 0;
-    else if (d.from.v6)
-        header->msg_controllen = put_control(header, IPPROTO_IPV6, IPV6_PKTINFO + other, info6);
-    else
-        header->msg_controllen = put_control(header, IPPROTO_IP, IP_PKTINFO + other, info);
+    if (length >= 0)
+        sys.received(fd, d);
     return length;
+}
+
+int __wrap_recvmmsg(int fd, mmsghdr *headers, unsigned count, int flags, timespec *)
+{
+    must((flags & MSG_DONTWAIT) != 0, "no receive waits");
+    const int ends = errno;
+    int got = 0;
+    for (; got < static_cast<int>(count); got++) {
+        datagram d;
+        msghdr *header = &headers[got].msg_hdr;
+        const ssize_t length = take(fd, &d, header->msg_iov->iov_base, header->msg_iov->iov_len);
+        if (length < 0)
+            break;
+        headers[got].msg_len = static_cast<unsigned>(length);
+        must(header->msg_namelen >= (d.from.v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in)),
+             "there is room for the sender");
+        header->msg_namelen = put_peer(d.from, static_cast<sockaddr *>(header->msg_name));
+        in_pktinfo info = {};
+        info.ipi_ifindex = d.ifindex;
+        const in6_pktinfo info6 = {.ipi6_addr = {}, .ipi6_ifindex = static_cast<unsigned>(d.ifindex)};
+        const int other = d.told == arrival::told_otherwise ? 1 : 0;
+        if (d.told == arrival::not_told)
+            header->msg_controllen = 0;
+        else if (d.from.v6)
+            header->msg_controllen = put_control(header, IPPROTO_IPV6, IPV6_PKTINFO + other, info6);
+        else
+            header->msg_controllen = put_control(header, IPPROTO_IP, IP_PKTINFO + other, info);
+        sys.files.at(fd).read.push_back(std::move(d));
+    }
+    if (got == 0)
+        return -1;
+    errno = ends;
+    return got;
+}
+
+dns_datagram *__real__Z15read_ahead_takei(int fd);
+dns_datagram *__wrap__Z15read_ahead_takei(int fd)
+{
+    dns_datagram *taken = __real__Z15read_ahead_takei(fd);
+    if (taken == nullptr)
+        return taken;
+    open_file &file = sys.files.at(fd);
+    must(!file.read.empty(), "what was read from a socket goes with it");
+    if (++file.served > 1)
+        met("read ahead");
+    must(file.served <= 4, "the kernel is asked in every fourth pass");
+    const datagram d = std::move(file.read.front());
+    file.read.pop_front();
+    sys.received(fd, d);
+    return taken;
 }
 
 int __wrap_ioctl(int fd, unsigned long request, ...)
@@ -469,6 +509,8 @@ ptrdiff_t qxcom_nmpipe_read(int fd, void *buffer, size_t length)
 {
     datagram d;
     const ssize_t got = take(fd, &d, buffer, length);
+    if (got >= 0)
+        sys.received(fd, d);
     return got < 0 ? got : static_cast<ptrdiff_t>(d.bytes.size());
 }
 

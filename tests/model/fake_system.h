@@ -60,6 +60,8 @@ struct open_file {
     std::string device = {}; // that the socket is tied to; "": none
     int ifindex = 0;         // of that device when it was tied
     std::deque<datagram> waiting = {};
+    std::deque<datagram> read = {}; // by the daemon, ahead of their turn
+    int served = 0;                 // datagrams since the last wait
 };
 
 // A datagram that the daemon handed to a socket.
@@ -100,7 +102,8 @@ struct fake_system {
     bool allocation_failed = false;
     std::map<void *, size_t> blocks; // memory that the daemon holds
 
-    // Called by epoll_wait: fills in what is ready and gives the number, and by every receive of a datagram.
+    // Called by epoll_wait: fills in what is ready and gives the number, and for every datagram whose turn
+    // comes.
     int (*wait)(epoll_event *ready, int limit_ms) = nullptr;
     void (*received)(int fd, const datagram &d) = nullptr;
     // Where it is set, called behind every send.
@@ -108,7 +111,8 @@ struct fake_system {
 
     [[nodiscard]] const device *find_device(const std::string &name) const;
     [[nodiscard]] const device *find_device(int index) const; // nullptr also for one that is not present
-    [[nodiscard]] size_t waiting() const;                     // datagrams at all files
+    [[nodiscard]] size_t waiting() const;                     // datagrams at all files, and those read
+    [[nodiscard]] bool read_ahead() const;                    // whether datagrams are
 };
 
 extern fake_system sys;

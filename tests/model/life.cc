@@ -240,7 +240,8 @@ void check_wake(int limit_ms)
         must(t.deadline > ipcom_tmo2_clock(), "what is due has run");
         wake = std::min(wake, t.deadline + lateness_ns);
     }
-    must(limit_ms == -1, "the daemon waits for descriptors and the alarm");
+    must(limit_ms == (sys.read_ahead() ? 0 : -1),
+         "the daemon waits for descriptors and the alarm, if nothing was read ahead");
     must(sys.alarm_at <= wake, "the daemon wakes for the first timer");
     must(wake == INT64_MAX || sys.alarm_at > wake - alarm_slack_ns,
          "the daemon does not wake for a timer that is gone");
@@ -270,7 +271,8 @@ int wait(epoll_event *ready, int limit_ms)
     if (phase == DRAINING && waiting_before == 0)
         longjmp(end_of_loop, 1);
     int count = 0;
-    for (const auto &[fd, file] : sys.files) {
+    for (auto &[fd, file] : sys.files) {
+        file.served = 0;
         const bool goes_off = file.kind == open_file::ALARM && sys.alarm_at <= ipcom_tmo2_clock();
         if (goes_off)
             sys.alarm_at = INT64_MAX;

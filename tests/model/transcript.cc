@@ -112,6 +112,18 @@ constexpr scene scenes[] = {
     {"a free query then", [](bool v6) { set_link("wan3", false), ask(host(v6), "br-lan", message(17)); },
      true},
     {"a line comes up", [](bool v6) { set_link("wan2", true), ask(host(v6), "br-lan", message(18)); }, true},
+    {"much at once, which is served in order",
+     [](bool) {
+         for (uint8_t number = 0; number < 7; number++) {
+             for (const bool v6 : {false, true}) {
+                 ask(host(v6, number), "br-lan", message(200));
+                 answer(v6, number % 3 == 0 ? "wan1" : "wan2", message(identifier(v6, number), number != 5));
+             }
+         }
+         ask(host(false), "lo", message(201));
+         ask_op(1, "WAN1"), ask_op(4, "WAN3"), toggle_device(10);
+     },
+     false},
     {"GET", [](bool) { ask_op(1, "WAN1"); }, false},
     {"GET of no line", [](bool) { ask_op(1, "loopback"); }, false},
     {"SET, and a dump", [](bool) { ask_op(2, "WAN1"); }, false},
@@ -173,6 +185,8 @@ int main()
     const scene *next = scenes;
     bool v6 = false;
     live(65533, DNSPROXY_LOG_TRACE, [&] {
+        if (sys.waiting() > 0)
+            return true; // one thing after the other
         if (next == std::end(scenes))
             return false;
         dprintf(STDOUT_FILENO, "\n=== %s%s\n", next->heading,
