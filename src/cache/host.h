@@ -17,10 +17,11 @@ struct host_v6 {
     uint16_t port;
 };
 
-// The key of a query in flight.
+// The key of a query in flight, made by request_cache_key.
 template <class Host> struct host_key {
     Host host;
-    uint16_t id; // the host's own identifier
+    uint16_t id;   // the host's own identifier
+    uint32_t hash; // of the other fields
 };
 
 #endif

@@ -1,6 +1,5 @@
 #include "cache/record_arena.h"
 
-#include <cstdint>
 #include <cstdlib>
 
 #ifdef __has_feature
@@ -17,7 +16,8 @@
 #define ASAN_UNPOISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
 #endif
 
-struct record_slab {
+// Its records follow it, each at its place.
+struct alignas(64) record_slab {
     uint32_t taken; // so many records from its begin, ended ones among them
     uint32_t live;
 };
@@ -26,36 +26,31 @@ namespace {
 
 constexpr uint32_t slab_records = 64;
 
-// Stands before each record.
-struct place {
-    record_slab *slab;
-};
-
-size_t stride_of(const record_arena *arena)
+size_t records_size(const record_arena *arena)
 {
-    return sizeof(place) + arena->size;
+    return slab_records * arena->size;
 }
 
 record_slab *new_slab(const record_arena *arena)
 {
-    const size_t records_size = slab_records * stride_of(arena);
-    auto *slab = static_cast<record_slab *>(malloc(sizeof(record_slab) + records_size));
+    auto *slab = static_cast<record_slab *>(
+        aligned_alloc(alignof(record_slab), sizeof(record_slab) + records_size(arena)));
     if (slab == nullptr)
         return nullptr;
     *slab = {.taken = 0, .live = 0};
-    ASAN_POISON_MEMORY_REGION(slab + 1, records_size);
+    ASAN_POISON_MEMORY_REGION(slab + 1, records_size(arena));
     return slab;
 }
 
 void free_slab(const record_arena *arena, record_slab *slab)
 {
-    ASAN_UNPOISON_MEMORY_REGION(slab + 1, slab_records * stride_of(arena));
+    ASAN_UNPOISON_MEMORY_REGION(slab + 1, records_size(arena));
     free(slab);
 }
 
 } // namespace
 
-void *record_arena_take(record_arena *arena)
+void *record_arena_take(record_arena *arena, uint32_t *place)
 {
     if (arena->current == nullptr) {
         arena->current = new_slab(arena);
@@ -63,24 +58,19 @@ void *record_arena_take(record_arena *arena)
             return nullptr;
     }
     record_slab *slab = arena->current;
-    auto *at = reinterpret_cast<place *>(reinterpret_cast<char *>(slab + 1) + slab->taken * stride_of(arena));
-    ASAN_UNPOISON_MEMORY_REGION(at, sizeof(place));
-    at->slab = slab;
-    ASAN_POISON_MEMORY_REGION(at, sizeof(place));
-    ASAN_UNPOISON_MEMORY_REGION(at + 1, arena->size);
+    *place = slab->taken++;
     slab->live++;
-    slab->taken++;
     if (slab->taken == slab_records)
         arena->current = nullptr;
-    return at + 1;
+    char *record = reinterpret_cast<char *>(slab + 1) + *place * arena->size;
+    ASAN_UNPOISON_MEMORY_REGION(record, arena->size);
+    return record;
 }
 
-void record_arena_give_back(record_arena *arena, void *record)
+void record_arena_give_back(record_arena *arena, void *record, uint32_t place)
 {
-    const place *at = static_cast<place *>(record) - 1;
-    ASAN_UNPOISON_MEMORY_REGION(at, sizeof(place));
-    record_slab *slab = at->slab;
-    ASAN_POISON_MEMORY_REGION(at, stride_of(arena));
+    auto *slab = reinterpret_cast<record_slab *>(static_cast<char *>(record) - place * arena->size) - 1;
+    ASAN_POISON_MEMORY_REGION(record, arena->size);
     slab->live--;
     if (slab->live > 0)
         return;

@@ -14,12 +14,11 @@
 
 namespace {
 
-// The six table callbacks of a family. A record keeps the hash of its host's key: it is needed again when the
-// record leaves the table.
+// The six table callbacks of a family. A key and its record keep the hash of the host: a query needs it for
+// its look-up and its record, and the record to leave the table.
 template <class Family> uint32_t hash_host(const void *key)
 {
-    const auto &k = *static_cast<const host_key<typename Family::host> *>(key);
-    return hash_field(k.id, hash_field(k.host.port, Family::hash_address(k.host)));
+    return static_cast<const host_key<typename Family::host> *>(key)->hash;
 }
 
 template <class Family> uint32_t hash_host_of_record(const void *record)
@@ -87,24 +86,26 @@ template <class Family> void discard(typename Family::entry *e)
     ipcom_hash_remove(Family::hosts(), e);
     ipcom_hash_remove(Family::ids(), e);
     ipcom_tmo2_cancel(&e->tmo);
-    record_arena_give_back(&memory<Family>, e);
+    record_arena_give_back(&memory<Family>, e, e->place);
 }
 
 template <class Family>
 int add(const host_key<typename Family::host> &key, uint16_t new_id, const char *ifname, int32_t dnsIndex)
 {
-    auto *e = static_cast<typename Family::entry *>(record_arena_take(&memory<Family>));
+    uint32_t place = 0;
+    auto *e = static_cast<typename Family::entry *>(record_arena_take(&memory<Family>, &place));
     if (e == nullptr) {
         DNSPROXY_LOG(ERROR, Family::op_add, DNSPROXY_ENOMEMORY, cache_msg_memory<Family>);
         DNSPROXY_RETURN(Family::op_add, DNSPROXY_ENOMEMORY);
     }
     *e = {};
+    e->place = place;
     e->timeout = dnsproxy_data.dnsproxyCacheTimeout;
     e->port = key.host.port;
     e->id = key.id;
     e->new_id = new_id;
     Family::set_address(e, key.host);
-    e->hostHash = hash_host<Family>(&key);
+    e->hostHash = key.hash;
     ifname_copy(e->ifname, ifname);
     e->dnsIndex = dnsIndex;
 
@@ -121,6 +122,11 @@ int add(const host_key<typename Family::host> &key, uint16_t new_id, const char 
     }
     ipcom_list_insert_last(&Family::list(), &e->link);
     DNSPROXY_RETURN(Family::op_add, armed);
+}
+
+template <class Family> host_key<typename Family::host> key_of(const typename Family::host &host, uint16_t id)
+{
+    return {host, id, hash_field(id, hash_field(host.port, Family::hash_address(host)))};
 }
 
 template <class Family> typename Family::entry *find(const host_key<typename Family::host> &key)
@@ -203,6 +209,16 @@ void dnsproxy_cache_deinit_v6()
     deinit<cache_v6>();
 }
 
+host_key<host_v4> request_cache_key(const host_v4 &host, uint16_t id)
+{
+    return key_of<cache_v4>(host, id);
+}
+
+host_key<host_v6> request_cache_key(const host_v6 &host, uint16_t id)
+{
+    return key_of<cache_v6>(host, id);
+}
+
 int request_cache_add(const host_key<host_v4> &key, uint16_t new_id, const char *ifname, int32_t dnsIndex)
 {
     return add<cache_v4>(key, new_id, ifname, dnsIndex);
@@ -226,25 +242,24 @@ dnsproxy_cache_entry_v6 *request_cache_find(const host_key<host_v6> &key)
 int dnsproxy_add_entry(uint64_t from, uint16_t port, uint16_t id, uint16_t new_id, const char *ifname,
                        int32_t dnsIndex)
 {
-    return request_cache_add(host_key<host_v4>{{from, port}, id}, new_id, ifname, dnsIndex);
+    return request_cache_add(key_of<cache_v4>({from, port}, id), new_id, ifname, dnsIndex);
 }
 
 int dnsproxy_add_entry_v6(uint64_t from, const sockaddr_in6 *client, uint16_t port, uint16_t id,
                           uint16_t new_id, const char *ifname, int32_t dnsIndex)
 {
-    return request_cache_add(host_key<host_v6>{{from, client->sin6_addr, port}, id}, new_id, ifname,
-                             dnsIndex);
+    return request_cache_add(key_of<cache_v6>({from, client->sin6_addr, port}, id), new_id, ifname, dnsIndex);
 }
 
 dnsproxy_cache_entry *dnsproxy_entry_find(uint64_t from, uint16_t port, uint16_t id)
 {
-    return request_cache_find(host_key<host_v4>{{from, port}, id});
+    return request_cache_find(key_of<cache_v4>({from, port}, id));
 }
 
 dnsproxy_cache_entry_v6 *dnsproxy_entry_find_v6(uint64_t from, const sockaddr_in6 *client, uint16_t port,
                                                 uint16_t id)
 {
-    return request_cache_find(host_key<host_v6>{{from, client->sin6_addr, port}, id});
+    return request_cache_find(key_of<cache_v6>({from, client->sin6_addr, port}, id));
 }
 
 dnsproxy_cache_entry *dnsproxy_entry_findById(uint16_t new_id)

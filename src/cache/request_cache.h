@@ -31,7 +31,9 @@ dnsproxy_cache_entry *dnsproxy_entry_find(uint64_t from, uint16_t port, uint16_t
 dnsproxy_cache_entry_v6 *dnsproxy_entry_find_v6(uint64_t from, const sockaddr_in6 *client, uint16_t port,
                                                 uint16_t id);
 
-// The same for callers that hold the host's record.
+// The same for callers that hold the host's record: the key is hashed once for both.
+host_key<host_v4> request_cache_key(const host_v4 &host, uint16_t id);
+host_key<host_v6> request_cache_key(const host_v6 &host, uint16_t id);
 [[nodiscard]] int request_cache_add(const host_key<host_v4> &key, uint16_t new_id, const char *ifname,
                                     int32_t dnsIndex);
 [[nodiscard]] int request_cache_add(const host_key<host_v6> &key, uint16_t new_id, const char *ifname,

@@ -122,8 +122,8 @@ template <class Family> int send_forced(query<Family> *q, const dnsproxy_listen_
     if (slot == DNSPROXY_NO_SLOT)
         return DNSPROXY_ENOSERVER;
 
-    const host_key<typename Family::host> key = {Family::host_of(Family::sender(*q->received)),
-                                                 dns_id(q->received->message)};
+    const auto key =
+        request_cache_key(Family::host_of(Family::sender(*q->received)), dns_id(q->received->message));
     bool repeated = false;
     const uint16_t new_id = query_identify(key, &dnsproxy_data.nextNewId, &repeated);
     dns_set_id(q->received->message, new_id);

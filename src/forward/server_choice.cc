@@ -99,7 +99,7 @@ int choose(const typename Family::host &host, uint8_t *message, size_t length, u
            uint32_t polling, const Usable &usable)
 {
     const uint16_t id = dns_id(message);
-    sending<Family> s = {.key = {host, id},
+    sending<Family> s = {.key = request_cache_key(host, id),
                          .message = message,
                          .length = length,
                          .nextId = nextId,

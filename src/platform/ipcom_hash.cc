@@ -12,39 +12,35 @@
 namespace {
 
 constexpr int32_t default_buckets = 256;
-constexpr uint32_t smallest_capacity = 4;
+constexpr uint32_t capacity_step = 4;
 
-// Entries [first, end), in the order of addition: records mostly leave in the order in which they came, and
-// then nothing is moved. A bucket that has held no more than one record since it was last empty keeps it in
-// itself (capacity 0): in a large table the cost is a cache miss per bucket touched, and most buckets never
-// need more. Otherwise it has a block of `capacity` hashes, which a look-up reads first, then as many record
-// pointers. The capacity is a multiple of 4.
+// A ring of entries in the order of addition: records mostly leave in the order in which they came. A bucket
+// that has held no more than one record since it was last empty keeps it in itself (capacity 0): in a large
+// table the cost is a cache miss per bucket touched, and most buckets never need more. Otherwise it has a
+// block of `capacity` record pointers and then as many tags, which a look-up reads first.
 struct bucket {
     void *content; // the record, or the block
-    uint32_t hash; // of the record
     uint32_t first;
-    uint32_t end;
+    uint32_t count;
     uint32_t capacity;
+    uint16_t tag; // of the record
 };
-
-uint32_t *hashes_of(bucket *b)
-{
-    return b->capacity == 0 ? &b->hash : static_cast<uint32_t *>(b->content);
-}
 
 void **records_of(bucket *b)
 {
-    return b->capacity == 0 ? &b->content : reinterpret_cast<void **>(hashes_of(b) + b->capacity);
+    return b->capacity == 0 ? &b->content : static_cast<void **>(b->content);
 }
 
-uint32_t count_of(const bucket *b)
+uint16_t *tags_of(bucket *b)
 {
-    return b->end - b->first;
+    return b->capacity == 0 ? &b->tag : reinterpret_cast<uint16_t *>(records_of(b) + b->capacity);
 }
 
-uint32_t grown(uint32_t capacity)
+// The index of an entry, by its number: 0 is the oldest.
+uint32_t index_of(const bucket *b, uint32_t number)
 {
-    return capacity < 8 ? capacity + smallest_capacity : (capacity + capacity / 2 + 3) / 4 * 4;
+    const uint32_t index = b->first + number;
+    return index < b->capacity ? index : index - b->capacity;
 }
 
 void free_block(bucket *b)
@@ -56,44 +52,45 @@ void free_block(bucket *b)
 // Gives the bucket a block of another capacity; 0, or -1 without memory.
 int resize(bucket *b, uint32_t capacity)
 {
-    bucket resized = {.content = malloc(capacity * (sizeof(uint32_t) + sizeof(void *))),
-                      .hash = 0,
-                      .first = 0,
-                      .end = count_of(b),
-                      .capacity = capacity};
-    if (resized.content == nullptr)
+    bucket moved = {.content = malloc(capacity * (sizeof(void *) + sizeof(uint16_t))),
+                    .first = 0,
+                    .count = b->count,
+                    .capacity = capacity,
+                    .tag = 0};
+    if (moved.content == nullptr)
         return -1;
-    memcpy(hashes_of(&resized), hashes_of(b) + b->first, resized.end * sizeof(uint32_t));
-    memcpy(records_of(&resized), records_of(b) + b->first, resized.end * sizeof(void *));
+    void **records = records_of(&moved);
+    uint16_t *tags = tags_of(&moved);
+    for (uint32_t number = 0; number < b->count; number++) {
+        const uint32_t index = index_of(b, number);
+        records[number] = records_of(b)[index];
+        tags[number] = tags_of(b)[index];
+    }
     free_block(b);
-    *b = resized;
+    *b = moved;
     return 0;
 }
 
-template <class T> void move(T *array, uint32_t to, uint32_t from, uint32_t end)
+// An eighth more than `count`, in steps of four.
+uint32_t capacity_for(uint32_t count)
 {
-    memmove(array + to, array + from, (end - from) * sizeof(T));
+    return (count + count / 8) / capacity_step * capacity_step + capacity_step;
 }
 
-// Moves the entries [from, end) down to `to`.
-void move_down(bucket *b, uint32_t to, uint32_t from)
+// Takes an entry out, and closes the gap from behind.
+void take_out(bucket *b, uint32_t number)
 {
-    move(hashes_of(b), to, from, b->end);
-    move(records_of(b), to, from, b->end);
-    b->end -= from - to;
-}
-
-// Makes room for one more at the end; 0, or -1 without memory. A bucket is moved down only if that frees a
-// quarter of it, so that an addition costs the same however many records the bucket holds.
-int make_room(bucket *b)
-{
-    if (b->end < b->capacity || b->end == 0)
-        return 0;
-    if (b->first == 0 || b->first < b->capacity / 4)
-        return resize(b, grown(b->capacity));
-    move_down(b, 0, b->first);
-    b->first = 0;
-    return 0;
+    if (number == 0) {
+        b->first = index_of(b, 1);
+    } else {
+        for (; number + 1 < b->count; number++) {
+            const uint32_t to = index_of(b, number);
+            const uint32_t from = index_of(b, number + 1);
+            records_of(b)[to] = records_of(b)[from];
+            tags_of(b)[to] = tags_of(b)[from];
+        }
+    }
+    b->count--;
 }
 
 [[gnu::cold, gnu::noinline]] uint32_t draw_secret()
@@ -141,6 +138,12 @@ bucket *bucket_of(ipcom_hash *table, uint32_t hash)
     return &all_buckets(table)[hash % table->size];
 }
 
+// Of the part of a hash that the bucket does not tell.
+uint16_t tag_of(const ipcom_hash *table, uint32_t hash)
+{
+    return static_cast<uint16_t>(hash / table->size);
+}
+
 } // namespace
 
 ipcom_hash *ipcom_hash_new(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, ipcom_hash_cmp_fn cmp)
@@ -181,11 +184,12 @@ int ipcom_hash_add(ipcom_hash *table, void *record)
 {
     const uint32_t hash = table->obj(record);
     bucket *b = bucket_of(table, hash);
-    if (make_room(b) != 0)
+    if (b->count > 0 && b->count >= b->capacity && resize(b, capacity_for(b->count)) != 0)
         return -1;
-    hashes_of(b)[b->end] = hash;
-    records_of(b)[b->end] = record;
-    b->end++;
+    const uint32_t index = index_of(b, b->count);
+    records_of(b)[index] = record;
+    tags_of(b)[index] = tag_of(table, hash);
+    b->count++;
     return 0;
 }
 
@@ -193,10 +197,14 @@ void *ipcom_hash_get(ipcom_hash *table, const void *key)
 {
     const uint32_t hash = table->key(key);
     bucket *b = bucket_of(table, hash);
-    const uint32_t *hashes = hashes_of(b);
-    for (uint32_t i = b->end; i-- > b->first;) {
-        if (hashes[i] == hash && table->cmp(records_of(b)[i], key) != 0)
-            return records_of(b)[i];
+    const uint16_t tag = tag_of(table, hash);
+    void *const *records = records_of(b);
+    const uint16_t *tags = tags_of(b);
+    uint32_t index = index_of(b, b->count);
+    for (uint32_t left = b->count; left > 0; left--) {
+        index = (index == 0 ? b->capacity : index) - 1;
+        if (tags[index] == tag && table->cmp(records[index], key) != 0)
+            return records[index];
     }
     return nullptr;
 }
@@ -205,38 +213,31 @@ int ipcom_hash_remove(ipcom_hash *table, void *record)
 {
     const uint32_t hash = table->obj(record);
     bucket *b = bucket_of(table, hash);
-    uint32_t at = b->first;
-    while (at < b->end && (hashes_of(b)[at] != hash || records_of(b)[at] != record))
-        at++;
-    if (at == b->end)
+    uint32_t number = 0;
+    while (number < b->count && records_of(b)[index_of(b, number)] != record)
+        number++;
+    if (number == b->count)
         return -1;
-    if (at == b->first)
-        b->first++;
-    else
-        move_down(b, at, at + 1);
-    if (b->first == b->end) {
+    take_out(b, number);
+    if (b->count == 0) {
         free_block(b);
         *b = {};
         return 0;
     }
-    // Memory that a flood took goes back: a large bucket shrinks when three quarters of it are empty. A
-    // failure to get the smaller block only keeps the larger one.
-    if (b->capacity > 2 * smallest_capacity && count_of(b) < b->capacity / 4)
-        resize(b, b->capacity / 8 * 4);
+    // Memory that a flood took goes back. A failure to get the smaller block only keeps the larger one.
+    if (b->capacity > 2 * capacity_step && b->count < b->capacity / 2)
+        (void)resize(b, capacity_for(b->count));
     return 0;
 }
 
 void ipcom_hash_for_each(ipcom_hash *table, ipcom_hash_each_fn each, void *data)
 {
     for (uint32_t slot = 0; slot < table->size; slot++) {
-        // From the end, and reading the bucket anew each time: a removal by the callback moves only records
-        // that were visited, but may give the bucket another block.
+        // From the newest, and reading the bucket anew each time: a removal by the callback moves only
+        // records that were visited, but may give the bucket another block.
         bucket *b = &all_buckets(table)[slot];
-        uint32_t left = count_of(b);
-        while (left > 0) {
-            left--;
-            each(records_of(b)[b->first + left], data);
-        }
+        for (uint32_t number = b->count; number-- > 0;)
+            each(records_of(b)[index_of(b, number)], data);
     }
 }
 

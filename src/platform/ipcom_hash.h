@@ -1,9 +1,9 @@
 // Hash table of pointers to the callers' records. The table neither copies nor frees records; a record may
 // be in several tables at once. Equal keys are accepted: a look-up finds the record added last.
 //
-// The number of buckets never changes. A bucket is a small growable array of (hash, record) that is scanned
-// newest first; hashes are compared before any record is touched, so that a table far above its number of
-// buckets still costs little more than the cache misses of one bucket. Not locked.
+// The number of buckets never changes. A bucket is a small growable ring of records, each with 16 bits of its
+// hash, that is scanned newest first; these bits are compared before any record is touched, so that a table
+// far above its number of buckets still costs little more than the cache misses of one bucket. Not locked.
 #ifndef PLATFORM_IPCOM_HASH_H
 #define PLATFORM_IPCOM_HASH_H
 
@@ -11,10 +11,11 @@
 
 struct ipcom_hash;
 
-using ipcom_hash_obj_fn = uint32_t (*)(const void *record);             // hash of a stored record
-using ipcom_hash_key_fn = uint32_t (*)(const void *key);                // hash of a search key
-using ipcom_hash_cmp_fn = int (*)(const void *record, const void *key); // nonzero: the record matches
-using ipcom_hash_each_fn = int (*)(void *record, void *data);           // result not looked at
+using ipcom_hash_obj_fn = uint32_t (*)(const void *record); // hash of a stored record
+using ipcom_hash_key_fn = uint32_t (*)(const void *key);    // hash of a search key
+using ipcom_hash_cmp_fn = int (*)(const void *record,
+                                  const void *key);           // nonzero: equal, and so are the hashes
+using ipcom_hash_each_fn = int (*)(void *record, void *data); // result not looked at
 
 // A table with a number of buckets fit for a few hundred records; nullptr without memory. The first table of
 // the process must be made before other threads hash.
@@ -36,7 +37,7 @@ ipcom_hash *ipcom_hash_new_fixed(ipcom_hash_obj_fn obj, ipcom_hash_key_fn key, i
 // 0, or -1 when there was no memory to grow a bucket; then the table is as before.
 [[nodiscard]] int ipcom_hash_add(ipcom_hash *table, void *record);
 
-// The newest record whose hash equals that of `key` and that the compare callback accepts, or nullptr.
+// The newest record that the compare callback accepts for `key`, or nullptr.
 void *ipcom_hash_get(ipcom_hash *table, const void *key);
 
 // Takes out exactly this record (by address); 0, or -1 when it is not in the table. The fields that the

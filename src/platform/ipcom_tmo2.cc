@@ -168,7 +168,6 @@ int ipcom_tmo2_request(ipcom_tmo2_head *head, ipcom_tmo2 *tmo, ipcom_tmo2_fn cal
     tmo->deadline = ipcom_tmo2_clock() + length;
     tmo->callback = callback;
     tmo->arg = arg;
-    tmo->queue = queue;
     tmo->next = &queue->ends;
     tmo->prev = queue->ends.prev;
     tmo->prev->next = tmo;
@@ -178,11 +177,11 @@ int ipcom_tmo2_request(ipcom_tmo2_head *head, ipcom_tmo2 *tmo, ipcom_tmo2_fn cal
 
 void ipcom_tmo2_cancel(ipcom_tmo2 *tmo)
 {
-    if (tmo->queue == nullptr)
+    if (!ipcom_tmo2_is_armed(tmo))
         return;
     tmo->prev->next = tmo->next;
     tmo->next->prev = tmo->prev;
-    tmo->queue = nullptr;
+    tmo->next = nullptr;
 }
 
 int ipcom_tmo2_select(ipcom_tmo2_head *head, int nfds, fd_set *reads, const fd_set *writes,

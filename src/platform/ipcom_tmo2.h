@@ -18,19 +18,22 @@
 #include <sys/select.h>
 #include <sys/time.h>
 
-struct ipcom_tmo2_head;  // the timer service
-struct ipcom_tmo2_queue; // the armed timers of one length
+struct ipcom_tmo2_head; // the timer service
 
 using ipcom_tmo2_fn = int (*)(void *arg); // result not looked at
 
 struct ipcom_tmo2 {
-    ipcom_tmo2 *next;
+    ipcom_tmo2 *next; // nullptr: not armed
     ipcom_tmo2 *prev;
-    ipcom_tmo2_queue *queue; // nullptr: not armed
     ipcom_tmo2_fn callback;
     void *arg;
     int64_t deadline; // nanoseconds of the service's clock
 };
+
+inline bool ipcom_tmo2_is_armed(const ipcom_tmo2 *tmo)
+{
+    return tmo->next != nullptr;
+}
 
 // nullptr without memory or descriptors.
 ipcom_tmo2_head *ipcom_tmo2_new();

@@ -80,7 +80,7 @@ void check_cache(bool v6, const ipcom_list &list, ipcom_hash *hosts, ipcom_hash 
     static std::vector<record> records;
     records.clear();
     for (const Entry *e : entries) {
-        must(e->tmo.queue != nullptr && e->tmo.arg == e, "a record has its timer");
+        must(ipcom_tmo2_is_armed(&e->tmo) && e->tmo.arg == e, "a record has its timer");
         timers.push_back(e->tmo);
         records.push_back({v6,
                            {host_of(*e), e->id},
@@ -123,7 +123,7 @@ void check_line(dnsproxy_server_if *line)
     must(dnsproxy_server_if_get(line->ifname) == line, "a line is found by its name");
     for (const bool v6 : {false, true}) {
         const int fd = fd_of(*line, v6);
-        must((timer_of(*line, v6).queue != nullptr) == (fd > 0), "an open socket has its idle time");
+        must(ipcom_tmo2_is_armed(&timer_of(*line, v6)) == (fd > 0), "an open socket has its idle time");
         if (fd < 0)
             continue;
         must(sys.files.contains(fd) && sys.files.at(fd).device == line->ifname,

@@ -87,7 +87,7 @@ TEST(ipcom_hash, bad_bucket_counts_are_refused)
     EXPECT_EQ(ipcom_hash_new_fixed(hash_record, hash_key, matches, -1), nullptr);
 }
 
-TEST(ipcom_hash, only_records_with_the_hash_of_the_key_are_compared)
+TEST(ipcom_hash, hardly_a_record_with_another_hash_is_compared)
 {
     table t(1); // everything shares the bucket
     std::vector<record> records(100);
@@ -97,7 +97,7 @@ TEST(ipcom_hash, only_records_with_the_hash_of_the_key_are_compared)
     }
     compared = 0;
     EXPECT_EQ(t.find(50), &records[50]);
-    EXPECT_EQ(compared, 1);
+    EXPECT_LE(compared, 3) << "16 bits of the hashes are alike";
 }
 
 // A random life against a model, over few buckets (which grow and shrink) and many.

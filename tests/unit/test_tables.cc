@@ -155,7 +155,7 @@ TEST_F(tables, records_and_timers_outlive_their_tables)
     EXPECT_EQ(entry->new_id, 100);
     EXPECT_EQ(entry6->new_id, 101);
     for (ipcom_tmo2 *timer : {&entry->tmo, &entry6->tmo}) {
-        EXPECT_NE(timer->queue, nullptr);
+        EXPECT_TRUE(ipcom_tmo2_is_armed(timer));
         ipcom_tmo2_cancel(timer);
     }
     for (int i = 0; i < 2; i++) {
