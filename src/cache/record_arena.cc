@@ -16,8 +16,10 @@
 #define ASAN_UNPOISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
 #endif
 
-// Its records follow it, each at its place.
+// Its records follow it, each at its place. It stands on a cache line in a block of malloc: a free block then
+// fits the next slab, which those of aligned_alloc do not.
 struct alignas(64) record_slab {
+    void *block;
     uint32_t taken; // so many records from its begin, ended ones among them
     uint32_t live;
 };
@@ -33,11 +35,13 @@ size_t records_size(const record_arena *arena)
 
 record_slab *new_slab(const record_arena *arena)
 {
-    auto *slab = static_cast<record_slab *>(
-        aligned_alloc(alignof(record_slab), sizeof(record_slab) + records_size(arena)));
-    if (slab == nullptr)
+    constexpr size_t line = alignof(record_slab);
+    void *block = malloc(line - 1 + sizeof(record_slab) + records_size(arena));
+    if (block == nullptr)
         return nullptr;
-    *slab = {.taken = 0, .live = 0};
+    auto *slab =
+        reinterpret_cast<record_slab *>((reinterpret_cast<uintptr_t>(block) + line - 1) / line * line);
+    *slab = {.block = block, .taken = 0, .live = 0};
     ASAN_POISON_MEMORY_REGION(slab + 1, records_size(arena));
     return slab;
 }
@@ -45,7 +49,7 @@ record_slab *new_slab(const record_arena *arena)
 void free_slab(const record_arena *arena, record_slab *slab)
 {
     ASAN_UNPOISON_MEMORY_REGION(slab + 1, records_size(arena));
-    free(slab);
+    free(slab->block);
 }
 
 } // namespace

@@ -208,7 +208,6 @@ extern "C" {
 FILE *__real_fopen(const char *path, const char *mode);
 void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
-void *__real_aligned_alloc(size_t alignment, size_t size);
 void __real_free(void *block);
 int __real_close(int fd);
 int __real_ioctl(int fd, unsigned long request, ...);
@@ -221,11 +220,6 @@ void *__wrap_malloc(size_t size)
 void *__wrap_calloc(size_t count, size_t size)
 {
     return memory_left() ? keep(__real_calloc(count, size), count * size) : nullptr;
-}
-
-void *__wrap_aligned_alloc(size_t alignment, size_t size)
-{
-    return memory_left() ? keep(__real_aligned_alloc(alignment, size), size) : nullptr;
 }
 
 void __wrap_free(void *block)
