@@ -1,6 +1,7 @@
 #include "cache/record_arena.h"
 
 #include <cstdlib>
+#include <memory>
 
 #ifdef __has_feature
 #if __has_feature(address_sanitizer)
@@ -35,12 +36,13 @@ size_t records_size(const record_arena *arena)
 
 record_slab *new_slab(const record_arena *arena)
 {
-    constexpr size_t line = alignof(record_slab);
-    void *block = malloc(line - 1 + sizeof(record_slab) + records_size(arena));
+    const size_t size = sizeof(record_slab) + records_size(arena);
+    size_t room = alignof(record_slab) - 1 + size;
+    void *block = malloc(room);
     if (block == nullptr)
         return nullptr;
-    auto *slab =
-        reinterpret_cast<record_slab *>((reinterpret_cast<uintptr_t>(block) + line - 1) / line * line);
+    void *aligned = block;
+    auto *slab = static_cast<record_slab *>(std::align(alignof(record_slab), size, aligned, room));
     *slab = {.block = block, .taken = 0, .live = 0};
     ASAN_POISON_MEMORY_REGION(slab + 1, records_size(arena));
     return slab;
