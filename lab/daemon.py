@@ -150,7 +150,12 @@ class Daemon:
         wait.until(settled, "the daemon to serve what has arrived", timeout)
 
     def _sleeps(self) -> bool:
-        stats = [Path(task.path, "stat").read_text(encoding="utf-8") for task in os.scandir(f"/proc/{self.pid}/task")]
+        try:
+            stats = [
+                Path(task.path, "stat").read_text(encoding="utf-8") for task in os.scandir(f"/proc/{self.pid}/task")
+            ]
+        except (FileNotFoundError, ProcessLookupError):  # a thread that has just ended
+            return False
         return all(stat.rpartition(")")[2].split()[0] == "S" for stat in stats)
 
     def output(self) -> str:

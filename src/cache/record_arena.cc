@@ -1,7 +1,6 @@
 #include "cache/record_arena.h"
 
 #include <cstdlib>
-#include <memory>
 
 #ifdef __has_feature
 #if __has_feature(address_sanitizer)
@@ -36,13 +35,12 @@ size_t records_size(const record_arena *arena)
 
 record_slab *new_slab(const record_arena *arena)
 {
-    const size_t size = sizeof(record_slab) + records_size(arena);
-    size_t room = alignof(record_slab) - 1 + size;
-    void *block = malloc(room);
+    constexpr size_t line = alignof(record_slab);
+    void *block = malloc(line - 1 + sizeof(record_slab) + records_size(arena));
     if (block == nullptr)
         return nullptr;
-    void *aligned = block;
-    auto *slab = static_cast<record_slab *>(std::align(alignof(record_slab), size, aligned, room));
+    const size_t to_line = -reinterpret_cast<uintptr_t>(block) % line;
+    auto *slab = reinterpret_cast<record_slab *>(static_cast<char *>(block) + to_line);
     *slab = {.block = block, .taken = 0, .live = 0};
     ASAN_POISON_MEMORY_REGION(slab + 1, records_size(arena));
     return slab;
