@@ -24,7 +24,7 @@ struct dnsproxy_cache_entry {
     uint16_t id;              // the host's own identifier, host order
     uint16_t port;            // the host's port, network order
     uint32_t hostHash;        // of from, port and id
-    uint32_t place;           // of the record's memory
+    uint32_t place;           // of the record in its slab
     uint64_t from;            // the host's IPv4 address, network order, in the low 32 bits
     uint64_t flags;
 };
@@ -42,7 +42,7 @@ struct dnsproxy_cache_entry_v6 {
     uint16_t id;              // the host's own identifier, host order
     uint16_t port;            // the host's port, network order
     uint32_t hostHash;        // of from, from6, port and id
-    uint32_t place;           // of the record's memory
+    uint32_t place;           // of the record in its slab
     uint64_t from;            // of a query that came in over IPv4 on loopback: the address as above; else 0
     in6_addr from6;           // the host's IPv6 address; "::" where `from` is used
     uint64_t flags;

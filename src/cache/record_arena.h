@@ -2,7 +2,7 @@
 // Records are neighbours in slabs of 64, and a slab is freed with the last of its records. One allocation
 // serves 64 records, and the memory of a flood is freed when its records have expired.
 //
-// A slab and each record of a multiple of 64 bytes begin on a cache line.
+// A slab begins on a cache line. So does each record whose size is a multiple of 64.
 //
 // AddressSanitizer takes a record that has ended, or was not handed out yet, for freed memory.
 #ifndef CACHE_RECORD_ARENA_H
