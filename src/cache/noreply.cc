@@ -15,12 +15,13 @@ constexpr int32_t threshold = 10;
 void dnsproxy_noreply_count()
 {
     const mutex_guard lock(&dnsproxy_data.noReplyLock);
-    dnsproxy_data.noReplyCount++;
-    if (dnsproxy_data.noReplyCount >= threshold && dnsproxy_data.noReplyArmed == 1) {
+    if (++dnsproxy_data.noReplyCount < threshold)
+        return;
+    dnsproxy_data.noReplyCount = 0;
+    if (dnsproxy_data.noReplyArmed == 1) {
         nms_event_notify(no_reply_event, nullptr, "{}");
         dnsproxy_data.noReplyArmed = 0;
     }
-    dnsproxy_data.noReplyCount %= threshold;
 }
 
 void dnsproxy_noreply_reset()
