@@ -118,6 +118,16 @@ dns_datagram *read_ahead_take(int fd)
     return got > 0 ? datagram_at(q, 0) : nullptr;
 }
 
+bool read_ahead_keeps(const dns_datagram *d)
+{
+    if (waiting == 0)
+        return false;
+    const queue *q = queues;
+    while (d < q->datagrams || d >= q->datagrams + ahead_max)
+        q++;
+    return !is_empty(*q);
+}
+
 bool read_ahead_waits()
 {
     return waiting > 0;

@@ -28,6 +28,10 @@ struct dns_datagram {
 // set: the receive failed.
 dns_datagram *read_ahead_take(int fd);
 
+// Whether a datagram that was taken stays until the kernel is asked or its socket closed, because more of the
+// socket wait here.
+bool read_ahead_keeps(const dns_datagram *d);
+
 // Whether datagrams wait here.
 bool read_ahead_waits();
 

@@ -9,6 +9,7 @@
 #include "core/log.h"
 #include "core/read_ahead.h"
 #include "core/status.h"
+#include "forward/relay.h"
 #include "forward/reply.h"
 #include "forward/request.h"
 #include "iface/server_record.h"
@@ -20,7 +21,7 @@
 namespace {
 
 constexpr char op[] = "dnsproxyd";
-constexpr int unasked_max = 3; // passes in a row that do not ask the kernel
+constexpr int64_t unasked_max_ns = 1'000'000; // for which passes go on without asking the kernel
 
 // State of the loop alone.
 struct loop {
@@ -30,7 +31,6 @@ struct loop {
     fd_set reads;    // the descriptors that a pass waits for
     int highest;     // of them
     bool unserved;   // the last pass left something ready, or served something else than DNS sockets
-    int unasked;     // passes since the kernel was asked
 };
 
 int set_up(loop *l)
@@ -77,7 +77,7 @@ void add_fd(int fd, fd_set *reads, int *highest)
 // Whether `fd` is among the `*count` ready descriptors that are left; then it is no longer.
 [[gnu::always_inline]] inline bool take_ready(int fd, const fd_set *ready, int *count)
 {
-    if (*count <= 0 || !FD_ISSET(fd, ready))
+    if (!descriptor_is_ready(fd, ready, *count))
         return false;
     --*count;
     return true;
@@ -104,23 +104,27 @@ void serve_request_pipe(loop *l)
     return std::max(count, 0) + read_ahead_add(ready);
 }
 
-// What a pass serves. As long as the datagrams that were read ahead are known to be all, the kernel is asked
-// in every fourth pass only.
+// Whether the datagrams that were read ahead are known to be all, and the kernel was asked just now. They
+// last for a few passes: each takes one of every socket.
+bool need_not_ask(const loop &l)
+{
+    return !l.unserved && read_ahead_suffices() &&
+           ipcom_tmo2_clock() - ipcom_tmo2_now(dnsproxy_data.tmo2Head) < unasked_max_ns;
+}
+
+// What a pass serves.
 int find_ready(loop *l, fd_set *ready)
 {
     static constexpr timeval at_once = {};
     const bool ahead = read_ahead_waits();
-    int count = 0;
-    if (ahead && !l->unserved && read_ahead_suffices() && l->unasked < unasked_max) {
-        l->unasked++;
-    } else {
-        l->unasked = 0;
-        refresh_reads(l);
-        *ready = l->reads;
-        count = ipcom_tmo2_select(dnsproxy_data.tmo2Head, l->highest + 1, ready, nullptr, nullptr,
-                                  ahead ? &at_once : nullptr);
-        read_ahead_waited();
-    }
+    if (ahead && need_not_ask(*l))
+        return add_read_ahead(ready, 0);
+    relay_flush();
+    refresh_reads(l);
+    *ready = l->reads;
+    const int count = ipcom_tmo2_select(dnsproxy_data.tmo2Head, l->highest + 1, ready, nullptr, nullptr,
+                                        ahead ? &at_once : nullptr);
+    read_ahead_waited();
     return ahead ? add_read_ahead(ready, count) : count;
 }
 

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "cache/noreply.h"
 #include "core/dns_header.h"
 #include "core/read_ahead.h"
 #include "forward/reply_families.h"
@@ -21,26 +20,26 @@ enum class turn {
 };
 
 // A reply counts for the server that sent it. One from another address counts for the server that the record
-// names, if that server is of this line.
+// names, if that server is of this line; else for none.
 template <class Family, class Entry>
-void count_reply_of(dnsproxy_server_if *sif, const typename Family::sockaddr_type &sender, const Entry &entry)
+slot_counters *counted_slot(dnsproxy_server_if *sif, const typename Family::sockaddr_type &sender,
+                            const Entry &entry)
 {
     int slot = 0;
     while (slot < DNSPROXY_SERVER_SLOTS && !Family::is_server(sif, slot, sender))
         slot++;
     if (slot == DNSPROXY_SERVER_SLOTS) {
         if (!ifname_equal(sif->ifname, entry.ifname))
-            return;
+            return nullptr;
         slot = entry.dnsIndex;
     }
-    count_reply(&Family::counters(sif).slots[slot],
-                ipcom_tmo2_now(dnsproxy_data.tmo2Head) - entry_sent_at(entry));
+    return &Family::counters(sif).slots[slot];
 }
 
 template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready, int *count)
 {
     const int fd = Family::fd(sif);
-    if (fd <= 0 || *count <= 0 || !FD_ISSET(fd, ready))
+    if (fd <= 0 || !descriptor_is_ready(fd, ready, *count))
         return turn::not_ready;
     --*count;
     DNSPROXY_LOG(DEBUG, op, 0, reply_msg_reply<Family>, sif->ifname);
@@ -64,17 +63,25 @@ template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready,
         DNSPROXY_LOG(DEBUG, op, 0, "Recv a bad dns reply packet.");
         return turn::dropped;
     }
-    if (dnsproxy_data.specIface == 1 || dnsproxy_pending_id_test(new_id) != 0) {
-        if (!Family::relay(op, *entry, message, length)) {
-            DNSPROXY_LOG(ERROR, op, 0, "sendto data error.\n");
-            return turn::dropped;
+    // A reply is matched by its identifier alone; its sender is only counted.
+    const acceptance accepted = {.flags = &entry->flags,
+                                 .slot = counted_slot<Family>(sif, Family::sender(*reply), *entry),
+                                 .ns = ipcom_tmo2_now(dnsproxy_data.tmo2Head) - entry_sent_at(*entry)};
+    relay_settle(new_id);
+    const bool pending = dnsproxy_pending_id_test(new_id) != 0;
+    if (dnsproxy_data.specIface == 1 || pending) {
+        const way_back to = Family::way_to_host(op, *entry);
+        // The lines of the log come in the order of what happened.
+        if (read_ahead_keeps(reply) && !Family::outcome_matters(sif, ready, *count) &&
+            !dnsproxy_log_is_on(DNSPROXY_LOG_ERROR)) {
+            relay_later({to, new_id, pending, message, length, accepted});
+            return turn::relayed;
         }
+        if (!relay_now(to, message, length))
+            return turn::dropped;
         dnsproxy_pending_id_clear(new_id);
     }
-    dnsproxy_noreply_reset();
-    entry->flags |= DNSPROXY_ENTRY_ANSWERED;
-    // A reply is matched by its identifier alone; its sender is only counted.
-    count_reply_of<Family>(sif, Family::sender(*reply), *entry);
+    relay_accept(accepted);
     return turn::relayed;
 }
 

@@ -9,6 +9,7 @@
 #include "core/read_ahead.h"
 #include "core/status.h"
 #include "forward/identifier.h"
+#include "forward/relay.h"
 #include "forward/request_families.h"
 #include "iface/if_show.h"
 #include "iface/listen_if.h"
@@ -91,6 +92,7 @@ template <class Family> void close_dead_socket(dnsproxy_server_if *sif)
     if (Family::fd(sif) <= 0)
         return;
     DNSPROXY_LOG(TRACE, Family::op, 0, "We will close the socket for reopen it!");
+    relay_flush(); // replies that wait may be datagrams of this socket
     upstream_socket_close(&Family::fd(sif), &Family::tmo(sif));
     dnsproxy_server_if_resetCache();
 }

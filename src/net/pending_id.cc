@@ -44,3 +44,8 @@ void dnsproxy_pending_id_clear(uint16_t id)
     const bit b = bit_of(id);
     *b.byte = static_cast<uint8_t>(*b.byte & ~b.mask);
 }
+
+bool pending_id_shares_mark(uint16_t id, uint16_t other)
+{
+    return (dnsproxy_id_hash(id) - dnsproxy_id_hash(other)) % map_bits == 0;
+}

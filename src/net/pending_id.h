@@ -13,4 +13,7 @@ void dnsproxy_pending_id_set(uint16_t id);
 int dnsproxy_pending_id_test(uint16_t id); // nonzero: set
 void dnsproxy_pending_id_clear(uint16_t id);
 
+// Whether two identifiers share a mark.
+bool pending_id_shares_mark(uint16_t id, uint16_t other);
+
 #endif

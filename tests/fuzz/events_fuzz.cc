@@ -101,8 +101,8 @@ void fault(fuzz_reader *in, unsigned number)
     if (number < 4)
         sys.allocations_left = static_cast<int>(bits % 16);
     else
-        sys.faults = {(bits & 1) != 0, (bits & 2) != 0,  (bits & 4) != 0,
-                      (bits & 8) != 0, (bits & 16) != 0, (bits & 32) != 0};
+        sys.faults = {(bits & 1) != 0,  (bits & 2) != 0,  (bits & 4) != 0, (bits & 8) != 0,
+                      (bits & 16) != 0, (bits & 32) != 0, (bits & 64) != 0};
 }
 
 // Whether the next event belongs to the same pass.

@@ -28,7 +28,7 @@ uint64_t times_met(const char *what);
 constexpr char fault_socket[] = "no socket", fault_number[] = "descriptor too high",
                fault_dead[] = "send on a dead socket", fault_upstream[] = "send to a server failed",
                fault_host[] = "send to a host failed", fault_memory[] = "no memory",
-               fault_pipe[] = "reply pipe full";
+               fault_pipe[] = "reply pipe full", fault_slow[] = "slow machine";
 
 struct device {
     std::string name;
@@ -42,6 +42,7 @@ struct peer {
     std::array<char, 16> address = {}; // the first four of IPv4
     uint16_t port = 0;                 // network order
     bool operator==(const peer &) const = default;
+    [[nodiscard]] bool is_odd() const { return ((address[3] + address[15]) & 1) != 0; }
 };
 
 // How the control message names the device; `damaged`: the kernel finds its checksum wrong when it is taken.
@@ -77,9 +78,10 @@ struct system_faults {
     bool no_descriptors;       // socket() fails
     bool high_descriptors;     // socket() gives numbers that do not fit into an fd_set
     bool upstream_unreachable; // tied sockets cannot send
-    bool hosts_unreachable;    // other sockets cannot send
+    bool hosts_unreachable;    // other sockets cannot send to odd addresses
     bool no_memory;
     bool full_pipe; // a reply pipe takes nothing
+    bool slow;      // a datagram takes 2 ms
 };
 
 struct fake_system {

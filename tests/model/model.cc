@@ -225,19 +225,19 @@ void model::remember(question *q, const dnsproxy_server_if &line, int slot)
 
 // A reply belongs to the newest query under its identifier. It is relayed when the latest query was a forced
 // one, or when the identifier has its mark, which is good for one relay.
-void model::reply(const datagram &d, bool v6)
+bool model::reply(const datagram &d, bool v6)
 {
     if (d.bytes.size() < 3 || (d.bytes[2] & 0x80) == 0)
-        return;
+        return false;
     const uint16_t id = id_of(d.bytes);
     record *r = newest(v6, [&](const record &each) { return each.new_id == id; });
     if (r == nullptr)
-        return;
+        return false;
     if (latest_was_forced || marks[mark_of(id)]) {
-        const bool sent = !sys.faults.hosts_unreachable;
+        const bool sent = !sys.faults.hosts_unreachable || !r->who.host.is_odd();
         sendings.push_back({"", r->who.host, with_id(d.bytes.substr(0, message_max), r->who.id), sent});
         if (!sent)
-            return;
+            return false;
         marks.reset(mark_of(id));
         met("answer relayed");
     } else
@@ -245,6 +245,7 @@ void model::reply(const datagram &d, bool v6)
     r->answered = true;
     silent = 0;
     report_armed = true;
+    return true;
 }
 
 // Each record that is due teaches its line: answered, the slot is kept; unanswered, an index that stands on

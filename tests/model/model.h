@@ -56,7 +56,7 @@ struct model {
     std::vector<std::string> pipe_replies;
 
     void query(const datagram &d);
-    void reply(const datagram &d, bool v6);
+    bool reply(const datagram &d, bool v6); // false: it is dropped
     bool let_expire(); // whether anything was due
     void request(const std::string &bytes);
     void netlink(std::string batch);

@@ -66,6 +66,7 @@ constexpr const char *kinds[] = {"query, IPv4",
                                  "jump of the clock",
                                  "quiet minutes",
                                  "read ahead",
+                                 "replies sent together",
                                  "identifiers wrap",
                                  fault_socket,
                                  fault_number,
@@ -73,7 +74,8 @@ constexpr const char *kinds[] = {"query, IPv4",
                                  fault_upstream,
                                  fault_host,
                                  fault_memory,
-                                 fault_pipe};
+                                 fault_pipe,
+                                 fault_slow};
 
 // What a life leaves to its parent.
 struct outcome {
@@ -130,7 +132,7 @@ public:
             set_clock(std::min(then, sys.alarm_at));
             if (sys.alarm_at <= then)
                 break;
-            while (!later_.empty() && later_.begin()->first <= then)
+            while (!later_.empty() && later_.begin()->first <= now())
                 later_.extract(later_.begin()).mapped()();
             if (next_ <= then)
                 happen();
@@ -150,7 +152,7 @@ public:
         draw d = {seed_ ^ static_cast<uint64_t>(now()) ^ std::hash<std::string>()(m.device) ^
                   static_cast<unsigned char>(m.to.address[3]) * 77U ^ id};
         const uint64_t how = d.below(100);
-        const int64_t soon = d.between(ms, 200 * ms);
+        const int64_t soon = d.between(1, 5) * 50 * ms - now() % (50 * ms); // many come at one time
         if (silent_until_ > now() || how < 3)
             met("server silent");
         else if (how < 4)
@@ -263,7 +265,7 @@ private:
         }
         if (kind < 915) {
             met("burst of queries");
-            for (int64_t n = d->between(2, 60); n > 0; n--)
+            for (int64_t n = d->between(2, d->one_in(8) ? 400 : 60); n > 0; n--)
                 query(any_host(d));
             return "burst of queries";
         }
@@ -305,9 +307,13 @@ private:
             return "a netlink message that is none";
         }
         if (kind < 992) {
-            bool *faults[] = {
-                &sys.faults.no_descriptors,    &sys.faults.high_descriptors, &sys.faults.upstream_unreachable,
-                &sys.faults.hosts_unreachable, &sys.faults.no_memory,        &sys.faults.full_pipe};
+            bool *faults[] = {&sys.faults.no_descriptors,
+                              &sys.faults.high_descriptors,
+                              &sys.faults.upstream_unreachable,
+                              &sys.faults.hosts_unreachable,
+                              &sys.faults.no_memory,
+                              &sys.faults.full_pipe,
+                              &sys.faults.slow};
             const uint64_t which = d->below(std::size(faults));
             *faults[which] = true;
             later(d->between(0, 20 * s), [] { sys.faults = {}; });
