@@ -57,7 +57,7 @@ struct model {
 
     void query(const datagram &d);
     bool reply(const datagram &d, bool v6); // false: it is dropped
-    bool let_expire(); // whether anything was due
+    bool let_expire();                      // whether anything was due
     void request(const std::string &bytes);
     void netlink(std::string batch);
     void list_devices();
