@@ -4,7 +4,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "core/log.h"
 #include "net/pending_id.h"
 
 namespace {
@@ -14,21 +13,13 @@ constexpr unsigned waiting_max = 16;
 relay waiting[waiting_max];
 unsigned waiting_count;
 
-[[gnu::cold]] void log_failure()
-{
-    DNSPROXY_LOG(ERROR, "dnsproxy_server_socket_read", 0, "sendto data error.\n");
-}
-
-// Takes the outcome of a send.
+// Takes the outcome of a reply that waited.
 void finish(const relay &r, bool sent)
 {
-    if (sent) {
+    if (sent)
         relay_accept(r.accepted);
-        return;
-    }
-    if (r.was_pending)
+    else if (r.was_pending)
         dnsproxy_pending_id_set(r.new_id);
-    log_failure();
 }
 
 // Sends the first of these replies, all that leave by one socket. Returns how many the kernel took, or -1.
@@ -67,10 +58,7 @@ long send_together(relay *replies, unsigned count)
 bool relay_now(const way_back &to, const uint8_t *message, size_t length)
 {
     relay_flush();
-    const bool sent = sendto(to.fd, message, length, MSG_DONTWAIT, &to.address.any, to.size) >= 0;
-    if (!sent) [[unlikely]]
-        log_failure();
-    return sent;
+    return sendto(to.fd, message, length, MSG_DONTWAIT, &to.address.any, to.size) >= 0;
 }
 
 void relay_later(const relay &r)

@@ -47,11 +47,12 @@ struct relay {
     acceptance accepted;
 };
 
-// Sends a reply, behind those that wait. False: it could not leave, which is logged.
+// Sends a reply, behind those that wait. False: it could not leave.
 bool relay_now(const way_back &to, const uint8_t *message, size_t length);
 
-// Lets a reply wait. Until it has left, it counts as relayed: its query is no longer pending. If it then
-// cannot leave, that is logged, and the query is as before. All that it points to must stay until then.
+// Lets a reply wait; not while the log is on, which tells of failures when they happen. Until it has left, it
+// counts as relayed: its query is no longer pending. If it then cannot leave, the query is as before. All
+// that it points to must stay until then.
 void relay_later(const relay &r);
 
 // Sends those that wait. To be called before anything goes that they point to: before the loop waits, when

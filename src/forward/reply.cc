@@ -71,14 +71,15 @@ template <class Family> turn serve(dnsproxy_server_if *sif, const fd_set *ready,
     const bool pending = dnsproxy_pending_id_test(new_id) != 0;
     if (dnsproxy_data.specIface == 1 || pending) {
         const way_back to = Family::way_to_host(op, *entry);
-        // The lines of the log come in the order of what happened.
         if (read_ahead_keeps(reply) && !Family::outcome_matters(sif, ready, *count) &&
             !dnsproxy_log_is_on(DNSPROXY_LOG_ERROR)) {
             relay_later({to, new_id, pending, message, length, accepted});
             return turn::relayed;
         }
-        if (!relay_now(to, message, length))
+        if (!relay_now(to, message, length)) {
+            DNSPROXY_LOG(ERROR, op, 0, "sendto data error.\n");
             return turn::dropped;
+        }
         dnsproxy_pending_id_clear(new_id);
     }
     relay_accept(accepted);
